@@ -82,6 +82,8 @@ class Host {
   /// An option's value as the host itself gives it, nothing where it gives none: what lies between
   /// a stored value and options.conf. Fails where reading was made to fail.
   [[nodiscard]] virtual Answer<std::optional<std::int64_t>> optionValue(const std::string& name) const = 0;
+  /// The options that the host itself gives a value.
+  [[nodiscard]] virtual std::vector<std::string> optionNames() const { return {}; }
   /// Called after a stored value of option GROUP/NAME has changed.
   virtual void optionWasSet(const std::string& name, std::int64_t value) = 0;
 

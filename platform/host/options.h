@@ -13,16 +13,16 @@
 namespace platform {
 
 struct OptionFacts {
-  std::string name;    ///< GROUP/NAME
+  std::string name;  ///< GROUP/NAME
   std::int64_t value = 0;
   std::string origin;  ///< "stored", "host", "options.conf" or "default"
 };
 
-/// The option's value now. ENOENT where nothing names it.
+/// The option's value now. ENOENT where nothing names it. Any thread, as all functions here.
 Answer<OptionFacts> readOption(const std::string& name);
-/// Stores a value and tells the host.
+/// Stores a value and tells the host. EINVAL where the name is not of the form GROUP/NAME.
 Outcome setOption(const std::string& name, std::int64_t value);
-/// Every option that is known from any origin, by name.
+/// Every option that is known from any origin and can be read, by name.
 std::vector<OptionFacts> listOptions();
 
 }  // namespace platform

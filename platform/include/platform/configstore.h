@@ -1,28 +1,29 @@
 // The configuration store: named objects of text values that survive restarts of the host.
 //
-// A write is atomic: a kill at any moment leaves the old object or the new one. A store handle
-// belongs to one thread; several may be open at once.
+// A write is atomic: a kill at any moment leaves the old object or the new one. Objects and handles
+// belong to one thread; several may be open at once, in any number of processes. Every function
+// returns 0 or a positive errno value, and stores to its out pointer only on success.
 #pragma once
-
-#include <string>
 
 namespace ConfigStore {
 
 struct Store;
 struct Object;
 
-/// Opens the host's store, nullptr where it cannot be opened (the reason is logged).
-Store* GetStore();
-/// Closes a store; nullptr is allowed. Objects of it must be released before.
-void DestroyStore(Store* store);
-
-/// A new, empty object of that name, not yet stored. nullptr where it cannot be made.
-Object* CreateObject(Store* store, const char* name);
-/// Sets a text value of the object in memory. Returns 0 or a positive errno value.
+/// Makes an object in memory, named by itself, its component, its product and an instance (which may
+/// be empty). `initial` holds its first values as a JSON object of texts, "{}" for none.
+int CreateObject(const char* name, const char* component, const char* product, const char* instance,
+                 const char* initial, Object** object);
+/// Sets a text value of the object in memory; values keep the order in which they were first set.
 int SetValueStr(Object* object, const char* key, const char* value);
-/// Stores the object under its name, replacing what was there. Returns 0 or a positive errno value.
-int SetCachedData(Store* store, Object* object);
 /// Releases an object; what was stored stays. nullptr is allowed.
 void DestroyConfigStoreObject(Object* object);
+
+/// Opens the host's store, made first where it is missing. `flags` must be 0.
+int GetStore(int flags, Store** store);
+/// Stores the object under its names, replacing what was there.
+int SetCachedData(Store* store, const Object* object);
+/// Closes a store; nullptr is allowed.
+void DestroyStore(Store* store);
 
 }  // namespace ConfigStore

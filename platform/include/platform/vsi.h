@@ -26,10 +26,19 @@ enum VSI_NodeID {
   VSI_NODE_vm_vmmGroupInfo,
 };
 
+/// The value of VSI_NODE_config_intOpts. Its instance is two strings, group and name; setting it takes
+/// one integer.
+struct VSI_IntOption {
+  char reserved[24];
+  std::uint32_t value;  ///< a value that does not fit cannot be read (ERANGE)
+  char reserved2[4];
+};
+static_assert(sizeof(VSI_IntOption) == 32);
+
 /// Length of the value of VSI_NODE_system_systemUuid.
 inline constexpr std::size_t VSI_SYSTEM_UUID_SIZE = 56;
 
-/// The value of VSI_NODE_vm_vmmGroupInfo for one monitor group.
+/// The value of VSI_NODE_vm_vmmGroupInfo; the instance is the number of the monitor group.
 struct VSI_VmmGroupInfo {
   std::uint32_t groupId;
   std::uint32_t worldId;

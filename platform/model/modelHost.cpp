@@ -1,0 +1,265 @@
+#include "model/modelHost.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <utility>
+
+#include "host/complaints.h"
+#include "host/files.h"
+#include "host/paths.h"
+
+namespace platform {
+
+namespace {
+
+using Line = nlohmann::ordered_json;
+
+constexpr std::uint64_t kDefaultPageRetireThreshold = 100;
+constexpr const char* kUnknownBuild = "unknown";
+
+Outcome recordAction(const Line& line) {
+  const std::string text = line.dump(-1, ' ', false, Line::error_handler_t::replace);
+  const std::string path = runDirectory() + "/host-actions.jsonl";
+  const int status = appendLine(path, text);
+  if (status == 0) return {};
+  logSparsely(path, "cannot write " + path + ": " + errnoText(status));
+  return {status, {}};
+}
+
+template <typename T>
+Answer<T> valueOr(const std::optional<T>& value, const char* what) {
+  if (value) return {{}, *value};
+  return {{ENOENT, std::string("the model names no ") + what}, {}};
+}
+
+template <typename Map, typename Key>
+Answer<typename Map::mapped_type> valueOf(const Map& map, const Key& key, const char* what) {
+  const auto found = map.find(key);
+  if (found != map.end()) return {{}, found->second};
+  return {{ENOENT, std::string("the model has no such ") + what}, {}};
+}
+
+Answer<VmIdentity> firstVm(const ModelFile& model, std::int64_t VmIdentity::*id, std::int64_t wanted) {
+  const auto vm = std::find_if(model.vms.begin(), model.vms.end(), [&](const auto& v) { return v.*id == wanted; });
+  if (vm != model.vms.end()) return {{}, *vm};
+  return {{ESRCH, "the model has no such VM"}, {}};
+}
+
+Answer<std::string> nameOf(Answer<VmIdentity> vm) {
+  return {std::move(vm.outcome), std::move(vm.value.name)};
+}
+
+}  // namespace
+
+ModelHost::ModelHost(std::string file) : given_(std::move(file)) {
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(given_, error);
+  file_ = error ? given_ : absolute.string();
+}
+
+Answer<ModelFile> ModelHost::read() const {
+  const Answer<std::string> content = readFile(file_, kModelFileBytes);
+  Answer<ModelFile> model;
+  if (content.ok()) {
+    model = parseModelFile(content.value);
+  } else {
+    model.outcome = content.outcome;
+  }
+  if (!model.ok()) logSparsely(file_, "model " + file_ + ": " + reasonOf(model.outcome) + "; every query fails");
+  return model;
+}
+
+/// Asks `find` unless the file is no model or makes `operation` (if any) fail.
+template <typename T, typename Find>
+Answer<T> ModelHost::query(const std::string& operation, const Find& find) const {
+  const Answer<ModelFile> model = read();
+  if (!model.ok()) return {model.outcome, {}};
+  if (Outcome failure = model.value.failureOf(operation); !failure.ok()) return {std::move(failure), {}};
+  return find(model.value);
+}
+
+std::string ModelHost::describe() const {
+  return "model:" + given_;
+}
+
+bool ModelHost::buildMatches() const {
+  const Answer<ModelFile> model = read();
+  return model.ok() && model.value.buildMatches;
+}
+
+std::string ModelHost::kernelBuild() const {
+  return read().value.kernelBuild.value_or(kUnknownBuild);
+}
+
+Answer<std::string> ModelHost::systemUuid() const {
+  return query<std::string>("uuid.read",
+                            [](const ModelFile& model) { return valueOr(model.systemUuid, "system UUID"); });
+}
+
+Answer<std::unique_ptr<Channel>> ModelHost::openChannel(std::uint32_t number) {
+  return query<std::unique_ptr<Channel>>("context.open:" + std::to_string(number),
+                                         [](const ModelFile&) { return Answer<std::unique_ptr<Channel>>{}; });
+}
+
+Answer<std::optional<std::int64_t>> ModelHost::optionValue(const std::string& name) const {
+  return query<std::optional<std::int64_t>>("option.read:" + name, [&](const ModelFile& model) {
+    const auto found = model.options.find(name);
+    return Answer<std::optional<std::int64_t>>{
+        {}, found == model.options.end() ? std::nullopt : std::optional(found->second)};
+  });
+}
+
+std::vector<std::string> ModelHost::optionNames() const {
+  const Answer<ModelFile> model = read();
+  std::vector<std::string> names;
+  for (const auto& option : model.value.options) names.push_back(option.first);
+  return names;
+}
+
+void ModelHost::optionWasSet(const std::string& name, std::int64_t value) {
+  // The value is stored already, so a line that cannot be written is mentioned in the log only.
+  (void)recordAction({{"action", "option.set"}, {"option", name}, {"value", value}});
+}
+
+Answer<PortGroupFacts> ModelHost::portGroup(const std::string& name) const {
+  return query<PortGroupFacts>("portGroup.lookup", [&](const ModelFile& model) {
+    Answer<std::string> virtualSwitch = valueOf(model.portGroups, name, "port group");
+    return Answer<PortGroupFacts>{std::move(virtualSwitch.outcome), {name, std::move(virtualSwitch.value), {}}};
+  });
+}
+
+Answer<std::vector<PortGroupFacts>> ModelHost::portGroups() const {
+  return query<std::vector<PortGroupFacts>>("portGroup.lookup", [](const ModelFile& model) {
+    Answer<std::vector<PortGroupFacts>> all;
+    for (const auto& [name, virtualSwitch] : model.portGroups) all.value.push_back({name, virtualSwitch, {}});
+    return all;
+  });
+}
+
+Answer<std::string> ModelHost::vmNameOfGroup(std::int64_t groupId) const {
+  return query<std::string>(
+      "vm.name", [&](const ModelFile& model) { return nameOf(firstVm(model, &VmIdentity::groupId, groupId)); });
+}
+
+Outcome ModelHost::storeTrouble(const std::string& operation) const {
+  return query<bool>(operation, [](const ModelFile&) { return Answer<bool>{}; }).outcome;
+}
+
+Answer<std::string> ModelHost::deviceOfPath(const std::string& path) const {
+  return query<std::string>("path.lookup",
+                            [&](const ModelFile& model) { return valueOf(model.paths, path, "storage path"); });
+}
+
+Answer<ModelDevice> ModelHost::device(const std::string& name) const {
+  return query<ModelDevice>("device.lookup",
+                            [&](const ModelFile& model) { return valueOf(model.devices, name, "storage device"); });
+}
+
+Outcome ModelHost::openVolumes() const {
+  return query<bool>("volumes.open", [](const ModelFile&) { return Answer<bool>{}; }).outcome;
+}
+
+Answer<std::string> ModelHost::volumeOfPartition(const std::string& device, std::uint32_t number) const {
+  return query<std::string>("volumes.open", [&](const ModelFile& model) -> Answer<std::string> {
+    const auto found = model.devices.find(device);
+    if (found == model.devices.end()) return {{ENOENT, "the model has no such storage device"}, {}};
+    for (const ModelPartition& partition : found->second.partitions) {
+      if (partition.number != number) continue;
+      if (partition.error != 0) return {{partition.error, {}}, {}};
+      return valueOr(partition.volume, "volume on the partition");
+    }
+    return {{ENOENT, "the model has no such partition"}, {}};
+  });
+}
+
+Answer<std::string> ModelHost::datastorePath(const std::string& path) const {
+  return query<std::string>("", [&](const ModelFile& model) { return valueOf(model.datastorePaths, path, "path"); });
+}
+
+Answer<VmIdentity> ModelHost::vmByWorldId(std::int64_t worldId) const {
+  return query<VmIdentity>("vm.lookup",
+                           [&](const ModelFile& model) { return firstVm(model, &VmIdentity::worldId, worldId); });
+}
+
+Answer<std::string> ModelHost::vmName(std::int64_t worldId) const {
+  return query<std::string>(
+      "vm.name", [&](const ModelFile& model) { return nameOf(firstVm(model, &VmIdentity::worldId, worldId)); });
+}
+
+Answer<std::uint32_t> ModelHost::cpuCores() const {
+  return query<std::uint32_t>("cpu.info",
+                              [](const ModelFile& model) { return valueOr(model.cpu.cores, "core count"); });
+}
+
+Answer<std::uint32_t> ModelHost::cpuPcpus() const {
+  return query<std::uint32_t>("cpu.info", [](const ModelFile& model) { return valueOr(model.cpu.pcpus, "CPU count"); });
+}
+
+Answer<std::string> ModelHost::cpuVendor() const {
+  return query<std::string>("cpu.list", [](const ModelFile& model) { return valueOr(model.cpu.vendor, "CPU vendor"); });
+}
+
+Answer<bool> ModelHost::cpuOfflineEnabled() const {
+  return query<bool>("offlineEnabled.read",
+                     [](const ModelFile& model) { return valueOr(model.cpu.offlineEnabled, "offlineEnabled"); });
+}
+
+Answer<std::uint64_t> ModelHost::pageRetireThreshold() const {
+  return query<std::uint64_t>("pageRetire.threshold", [](const ModelFile& model) {
+    return Answer<std::uint64_t>{{}, model.pageRetireThreshold.value_or(kDefaultPageRetireThreshold)};
+  });
+}
+
+Answer<std::uint32_t> ModelHost::pageStatus(std::uint64_t page) const {
+  return query<std::uint32_t>("page.status",
+                              [&](const ModelFile& model) { return valueOf(model.pageStatus, page, "page"); });
+}
+
+Outcome ModelHost::nicDown(const std::string& nic) {
+  return query<bool>("nic.down",
+                     [&](const ModelFile&) {
+                       return Answer<bool>{recordAction({{"action", "nic.down"}, {"nic", nic}}), true};
+                     })
+      .outcome;
+}
+
+Outcome ModelHost::cpuOffline(std::int64_t cpu) {
+  return query<bool>("cpu.offline",
+                     [&](const ModelFile&) {
+                       return Answer<bool>{recordAction({{"action", "cpu.offline"}, {"cpu", cpu}}), true};
+                     })
+      .outcome;
+}
+
+Outcome ModelHost::pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode) {
+  return query<bool>("page.retire",
+                     [&](const ModelFile&) {
+                       const Line line{{"action", "page.retire"}, {"page", page}, {"count", count}, {"mode", mode}};
+                       return Answer<bool>{recordAction(line), true};
+                     })
+      .outcome;
+}
+
+Outcome ModelHost::vmKill(std::int64_t worldId) {
+  return query<bool>("vm.kill",
+                     [&](const ModelFile& model) -> Answer<bool> {
+                       const Answer<VmIdentity> vm = firstVm(model, &VmIdentity::worldId, worldId);
+                       if (!vm.ok()) return {vm.outcome, false};
+                       const Line line{{"action", "vm.kill"}, {"worldId", worldId}, {"name", vm.value.name}};
+                       return {recordAction(line), true};
+                     })
+      .outcome;
+}
+
+Outcome ModelHost::swapReconfigure() {
+  return query<bool>("swap.reconfigure",
+                     [](const ModelFile&) {
+                       return Answer<bool>{recordAction({{"action", "swap.reconfigure"}}), true};
+                     })
+      .outcome;
+}
+
+}  // namespace platform

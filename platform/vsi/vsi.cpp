@@ -1,0 +1,227 @@
+#include "platform/vsi.h"
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <limits>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "host/complaints.h"
+#include "host/host.h"
+#include "host/options.h"
+#include "vsi/paramList.h"
+#include "vsi/status.h"
+
+namespace {
+
+using platform::Answer;
+using platform::currentHost;
+using platform::kernelStatus;
+
+/// Most elements of a list; no node takes more than a few.
+constexpr std::size_t kListElements = 64;
+/// Largest errno value that a kernel status carries.
+constexpr QK_ReturnStatus kErrnoMax = 4095;
+/// What all kernel failures have in their high bits.
+constexpr QK_ReturnStatus kFailureMark = 0xbad0000;
+
+// Exceptions do not leave a C-style interface.
+template <typename Call>
+QK_ReturnStatus guarded(const Call& call) {
+  try {
+    return call();
+  } catch (const std::bad_alloc&) {
+    return QK_NO_MEMORY;
+  } catch (const std::exception& trouble) {
+    platform::logSparsely("vsi", std::string("system information: ") + trouble.what());
+    return QK_FAILURE;
+  }
+}
+
+const std::string* stringAt(const VSI_ParamList* list, std::size_t index) {
+  return list != nullptr && index < list->elements.size() ? std::get_if<std::string>(&list->elements[index]) : nullptr;
+}
+
+const std::int64_t* intAt(const VSI_ParamList* list, std::size_t index) {
+  return list != nullptr && index < list->elements.size() ? std::get_if<std::int64_t>(&list->elements[index]) : nullptr;
+}
+
+bool hasLength(const VSI_ParamList* list, std::size_t length) {
+  return (list == nullptr ? 0 : list->elements.size()) == length;
+}
+
+/// The option that two strings name, empty where the list is of another form.
+std::string optionName(const VSI_ParamList* instance) {
+  const std::string* const group = stringAt(instance, 0);
+  const std::string* const name = stringAt(instance, 1);
+  if (group == nullptr || name == nullptr || !hasLength(instance, 2)) return {};
+  return *group + "/" + *name;
+}
+
+template <typename Value>
+QK_ReturnStatus give(const Value& value, void* out) {
+  std::memcpy(out, &value, sizeof value);
+  return QK_OK;
+}
+
+QK_ReturnStatus getOption(const VSI_ParamList* instance, void* out, std::size_t size) {
+  const std::string name = optionName(instance);
+  if (name.empty() || size != sizeof(VSI_IntOption)) return QK_BAD_PARAM;
+  const auto option = platform::readOption(name);
+  if (!option.ok()) return kernelStatus(option.outcome);
+  if (option.value.value < 0 || option.value.value > std::numeric_limits<std::uint32_t>::max()) {
+    return QK_ERRNO_BASE + ERANGE;
+  }
+  VSI_IntOption record{};
+  record.value = static_cast<std::uint32_t>(option.value.value);
+  return give(record, out);
+}
+
+QK_ReturnStatus getSystemUuid(const VSI_ParamList* instance, void* out, std::size_t size) {
+  if (!hasLength(instance, 0) || size != VSI_SYSTEM_UUID_SIZE) return QK_BAD_PARAM;
+  const Answer<std::string> uuid = currentHost().systemUuid();
+  if (!uuid.ok()) return kernelStatus(uuid.outcome);
+  if (uuid.value.size() != size) return QK_FAILURE;
+  std::memcpy(out, uuid.value.data(), size);
+  return QK_OK;
+}
+
+/// The longest beginning of `text` that fits into `bytes` without cutting a UTF-8 sequence.
+std::string_view cutToFit(std::string_view text, std::size_t bytes) {
+  if (text.size() <= bytes) return text;
+  while (bytes > 0 && (static_cast<unsigned char>(text[bytes]) & 0xc0) == 0x80) --bytes;
+  return text.substr(0, bytes);
+}
+
+QK_ReturnStatus getVmmGroupInfo(const VSI_ParamList* instance, void* out, std::size_t size) {
+  const std::int64_t* const groupId = intAt(instance, 0);
+  if (groupId == nullptr || !hasLength(instance, 1) || size != sizeof(VSI_VmmGroupInfo)) return QK_BAD_PARAM;
+  const Answer<std::string> name = currentHost().vmNameOfGroup(*groupId);
+  if (!name.ok()) return kernelStatus(name.outcome);
+  VSI_VmmGroupInfo info{};
+  info.groupId = static_cast<std::uint32_t>(*groupId);
+  const std::string_view shown = cutToFit(name.value, sizeof info.displayName - 1);
+  std::memcpy(info.displayName, shown.data(), shown.size());
+  return give(info, out);
+}
+
+QK_ReturnStatus setOption(const VSI_ParamList* instance, const VSI_ParamList* input) {
+  const std::string name = optionName(instance);
+  const std::int64_t* const value = intAt(input, 0);
+  if (name.empty() || value == nullptr || !hasLength(input, 1)) return QK_BAD_PARAM;
+  return kernelStatus(platform::setOption(name, *value));
+}
+
+QK_ReturnStatus setLinkFlapping(const VSI_ParamList* instance, const VSI_ParamList* input) {
+  const std::string* const nic = stringAt(instance, 0);
+  const std::int64_t* const flapping = intAt(input, 0);
+  if (nic == nullptr || !hasLength(instance, 1)) return QK_BAD_PARAM;
+  if (flapping == nullptr || *flapping != 1 || !hasLength(input, 1)) return QK_BAD_PARAM;
+  return kernelStatus(currentHost().nicDown(*nic));
+}
+
+}  // namespace
+
+namespace platform {
+
+QK_ReturnStatus kernelStatus(const Outcome& outcome) {
+  if (outcome.ok()) return QK_OK;
+  const auto status = static_cast<QK_ReturnStatus>(outcome.status);
+  if (outcome.status > 0 && status <= kErrnoMax) return QK_ERRNO_BASE + status;
+  return (status & 0xffff0000) == kFailureMark ? status : QK_FAILURE;
+}
+
+}  // namespace platform
+
+VSI_ParamList* VSI_ParamListCreate() {
+  return new (std::nothrow) VSI_ParamList;
+}
+
+void VSI_ParamListDestroy(VSI_ParamList* list) {
+  delete list;
+}
+
+QK_ReturnStatus VSI_ParamListAddString(VSI_ParamList* list, const char* value) {
+  if (list == nullptr || value == nullptr || list->elements.size() >= kListElements) return QK_BAD_PARAM;
+  return guarded([&] {
+    list->elements.emplace_back(std::string(value));
+    return QK_OK;
+  });
+}
+
+QK_ReturnStatus VSI_ParamListAddInt(VSI_ParamList* list, std::int64_t value) {
+  if (list == nullptr || list->elements.size() >= kListElements) return QK_BAD_PARAM;
+  return guarded([&] {
+    list->elements.emplace_back(value);
+    return QK_OK;
+  });
+}
+
+QK_ReturnStatus VSI_Get(VSI_NodeID node, const VSI_ParamList* instance, void* out, std::size_t size) {
+  if (out == nullptr) return QK_BAD_PARAM;
+  return guarded([&]() -> QK_ReturnStatus {
+    switch (node) {
+      case VSI_NODE_config_intOpts:
+        return getOption(instance, out, size);
+      case VSI_NODE_system_systemUuid:
+        return getSystemUuid(instance, out, size);
+      case VSI_NODE_vm_vmmGroupInfo:
+        return getVmmGroupInfo(instance, out, size);
+      default:
+        return QK_NOT_SUPPORTED;
+    }
+  });
+}
+
+QK_ReturnStatus VSI_Set(VSI_NodeID node, const VSI_ParamList* instance, const VSI_ParamList* input) {
+  return guarded([&]() -> QK_ReturnStatus {
+    switch (node) {
+      case VSI_NODE_config_intOpts:
+        return setOption(instance, input);
+      case VSI_NODE_net_pNics_linkFlapping:
+        return setLinkFlapping(instance, input);
+      default:
+        return QK_NOT_SUPPORTED;
+    }
+  });
+}
+
+int QK_ReturnStatusToErrno(QK_ReturnStatus status) {
+  if (status > QK_ERRNO_BASE && status <= QK_ERRNO_BASE + kErrnoMax) return static_cast<int>(status - QK_ERRNO_BASE);
+  switch (status) {
+    case QK_OK:
+      return 0;
+    case QK_NOT_FOUND:
+      return ENOENT;
+    case QK_BAD_PARAM:
+      return EINVAL;
+    case QK_NO_MEMORY:
+      return ENOMEM;
+    case QK_NOT_SUPPORTED:
+      return ENOTSUP;
+    default:
+      return EIO;
+  }
+}
+
+int VSI_CheckSignature(const char* signature, char* kernelBuild, std::size_t kernelBuildSize,
+                       const char** ownBuildDate) {
+  if (ownBuildDate != nullptr) *ownBuildDate = signature;
+  std::string build;
+  bool matches = false;
+  const QK_ReturnStatus status = guarded([&] {
+    build = currentHost().kernelBuild();
+    matches = currentHost().buildMatches();
+    return QK_OK;
+  });
+  if (kernelBuild != nullptr && kernelBuildSize > 0) {
+    const std::string_view shown = cutToFit(build, kernelBuildSize - 1);
+    std::memcpy(kernelBuild, shown.data(), shown.size());
+    kernelBuild[shown.size()] = '\0';
+  }
+  if (status != QK_OK) return QK_ReturnStatusToErrno(status);
+  const bool sameInterface = signature != nullptr && std::string_view(signature) == PLATFORM_INTERFACE_SIGNATURE;
+  return matches && sameInterface ? 0 : EINVAL;
+}
