@@ -1,0 +1,16 @@
+#include "keldAgentStarter.h"
+
+#include "keldCorrelator.h"
+#include "keldLogAll.h"
+
+namespace keld {
+
+int startAgents(AgentRegistry& agents, bool withTestAgents) {
+  for (const CorrelatorInfo* correlator : correlators()) agents.start(correlator->entry);
+  if (withTestAgents) {
+    agents.start(runLogAll);
+  }
+  return 0;
+}
+
+}  // namespace keld

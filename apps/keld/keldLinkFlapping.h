@@ -1,0 +1,31 @@
+// Link flapping: a NIC whose link goes down too often within a minute is taken down.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <string>
+
+#include "keldPost.h"
+#include "platform/clock.h"
+
+namespace keld {
+
+/// Counts link-downs per NIC in a sliding window. Used by the network correlator's thread only.
+class LinkFlapping {
+ public:
+  static constexpr std::int64_t kWindowSeconds = 60;
+
+  LinkFlapping(Clock& clock, Post& post) : clock_(clock), post_(post) {}
+
+  /// Counts a link-down of the NIC. Above the threshold of option Net/LinkFlappingThreshold (0: off)
+  /// it asks the kernel to take the NIC down and posts the event where that succeeds.
+  void CheckLinkFlapping(const std::string& nic);
+
+ private:
+  Clock& clock_;
+  Post& post_;
+  std::map<std::string, std::deque<std::int64_t>> linkDownTimes_;
+};
+
+}  // namespace keld

@@ -1,0 +1,14 @@
+#include "keldRow.h"
+
+#include "keldLog.h"
+
+namespace keld {
+
+void logUnreadable(OnUnreadable how, const Kel* observation, int status) {
+  const char* id = nullptr;
+  Kel_GetID(observation, &id);
+  if (how == OnUnreadable::failedToGetParams) Log("Failed to get params for correlation %s: %d\n", id, status);
+  if (how == OnUnreadable::failedToCorrelate) Log("Failed to correlate %s: %d\n", id, status);
+}
+
+}  // namespace keld

@@ -1,0 +1,227 @@
+// Rows: observations that translate one to one, and the events of those that are judged.
+//
+// A row is checked while it compiles: its placeholders against its arguments, the event's prefix
+// against the kind, the event's name against the longest that can be posted. At run time the split
+// of a marked template is blind.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <span>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+#include "keldFramework.h"
+#include "keldPost.h"
+#include "platform/kel.h"
+
+namespace keld {
+
+// Never defined: a bad row calls one of them while its table compiles, and the name says why.
+void observation_outside_group();      // NOLINT(readability-identifier-naming)
+void observation_listed_twice();       // NOLINT(readability-identifier-naming)
+void unknown_conversion();             // NOLINT(readability-identifier-naming)
+void event_prefix_does_not_fit_kind();  // NOLINT(readability-identifier-naming)
+void event_name_longer_than_128();     // NOLINT(readability-identifier-naming)
+void placeholder_without_argument();   // NOLINT(readability-identifier-naming)
+void argument_does_not_fit_placeholder();  // NOLINT(readability-identifier-naming)
+
+/// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder.
+enum class Arg { none, text, i16, i32, i64, any };
+
+/// The n-th conversion of `format`; `text` is the letter that means text there ('p' reading, 's' writing).
+constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
+  for (auto at = format.find('%'); at != std::string_view::npos; at = format.find('%', at)) {
+    const auto size = format.find_first_not_of("#-+ .0123456789", at + 1);
+    const auto letter = size == std::string_view::npos ? size : format.find_first_not_of("hl", size);
+    if (letter == std::string_view::npos) unknown_conversion();
+    at = letter + 1;
+    if (format[letter] == '%' || n-- != 0) continue;
+    if (format[letter] == text) return Arg::text;
+    if (std::string_view("diuxX").find(format[letter]) == std::string_view::npos || letter - size > 1) unknown_conversion();
+    if (letter == size) return Arg::i32;
+    return format[size] == 'l' ? Arg::i64 : Arg::i16;
+  }
+  return Arg::none;
+}
+
+/// Argument n of a reading: "%p %d" is one Kel_GetArgs call, "si" is text and integer by index.
+constexpr Arg argument(std::string_view read, std::size_t n) {
+  if (read.find('%') != std::string_view::npos) return conversion(read, 'p', n);
+  if (n >= read.size()) return Arg::none;
+  if (read[n] != 's' && read[n] != 'i') unknown_conversion();
+  return read[n] == 's' ? Arg::text : Arg::any;
+}
+
+constexpr std::size_t argumentCount(std::string_view read) {
+  std::size_t count = 0;
+  while (argument(read, count) != Arg::none) ++count;
+  return count;
+}
+
+/// The parts of a marked template.
+inline constexpr std::string_view kMarker = "@&!*@*@(";
+inline constexpr std::size_t kMaxEventName = 128;
+
+constexpr std::string_view eventName(std::string_view marked) {
+  return marked.substr(kMarker.size(), marked.find(')') - kMarker.size());
+}
+constexpr std::string_view eventMessage(std::string_view marked) { return marked.substr(marked.find(')') + 1); }
+
+consteval void checkMarked(VProbKind kind, std::string_view marked) {
+  constexpr std::string_view prefixes[] = {"orn.problem.", "orn.audit.", "orn.clear."};
+  if (marked.find(')') == std::string_view::npos || !marked.starts_with(kMarker) ||
+      !marked.substr(kMarker.size()).starts_with(prefixes[static_cast<int>(kind)])) {
+    event_prefix_does_not_fit_kind();
+  }
+  if (eventName(marked).size() > kMaxEventName) event_name_longer_than_128();
+}
+
+/// One observation and the event that it becomes.
+struct Row {
+  std::string_view observation;
+  std::string_view read;
+  std::string_view text;  ///< a marked template, NUL-terminated
+  std::string_view fill;  ///< fill[n] is the argument that fills placeholder n
+  VProbKind kind;
+
+  consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t, std::string_view f = "012345678")
+      : observation(o), read(r), text(t), fill(f), kind(k) {
+    checkMarked(k, t);
+    for (std::size_t n = 0; conversion(eventMessage(t), 's', n) != Arg::none; ++n) {
+      const Arg want = conversion(eventMessage(t), 's', n);
+      const Arg have = n < f.size() ? argument(r, static_cast<std::size_t>(f[n] - '0')) : Arg::none;
+      if (have == Arg::none) placeholder_without_argument();
+      if (want != have && (want == Arg::text || have != Arg::any)) argument_does_not_fit_placeholder();
+    }
+  }
+};
+
+/// A table of rows whose observations all begin with `group` ("kel.net."), none twice.
+template <std::size_t N>
+consteval std::array<Row, N> table(std::string_view group, const Row (&rows)[N]) {
+  for (const Row& row : rows) {
+    if (!row.observation.starts_with(group)) observation_outside_group();
+    for (const Row& other : rows) {
+      if (&other != &row && other.observation == row.observation) observation_listed_twice();
+    }
+  }
+  return std::to_array(rows);
+}
+
+/// A marked template for the catalogue.
+struct EventInfo {
+  VProbKind kind;
+  std::string_view text;
+};
+
+/// An event that a handler posts itself; A are its arguments' types in the order of the placeholders.
+template <typename... A>
+struct Event : EventInfo {
+  consteval Event(VProbKind k, std::string_view t) : EventInfo{k, t} {
+    checkMarked(k, t);
+    std::size_t n = 0;
+    (check<A>(n++), ...);
+    if (conversion(eventMessage(t), 's', n) != Arg::none) placeholder_without_argument();
+  }
+
+  void post(Post& out, A... arguments) const { out.VProb_Post(false, kind, text.data(), arguments...); }
+
+ private:
+  template <typename T>
+  consteval void check(std::size_t n) const {
+    const Arg want = conversion(eventMessage(text), 's', n);
+    const Arg have = std::is_same_v<T, const char*> ? Arg::text : sizeof(T) == sizeof(std::int64_t) ? Arg::i64 : Arg::i32;
+    if (want != have) argument_does_not_fit_placeholder();
+  }
+};
+
+/// An observation that a handler judges: how it is read and which events can come of it.
+struct Judged {
+  std::string_view observation;
+  std::string_view read;
+  std::span<const EventInfo* const> events;
+};
+
+/// What a table's rows do when their arguments cannot be read.
+enum class OnUnreadable { silent, failedToGetParams, failedToCorrelate };
+
+/// Logs the table's text for an observation whose arguments could not be read.
+void logUnreadable(OnUnreadable how, const Kel* observation, int status);
+
+/// Reads the arguments of one row, each as the type that the row says, and posts its event.
+template <const auto& kRows, std::size_t kIndex>
+class Translation {
+  static constexpr const Row& kRow = kRows[kIndex];
+  static constexpr bool kByIndex = kRow.read.find('%') == std::string_view::npos;
+  static constexpr auto kArguments = std::make_index_sequence<argumentCount(kRow.read)>();
+
+  template <Arg kArg>
+  static auto valueType() {
+    if constexpr (kArg == Arg::text) return static_cast<const char*>(nullptr);
+    else if constexpr (kArg == Arg::i16) return std::int16_t{};
+    else if constexpr (kArg == Arg::i32) return int{};
+    else return std::int64_t{};
+  }
+
+  static int readOne(const Kel* observation, unsigned index, const char** value) {
+    return Kel_GetStringArg(observation, index, value);
+  }
+  static int readOne(const Kel* observation, unsigned index, std::int64_t* value) {
+    return Kel_GetIntArg(observation, index, value);
+  }
+
+  template <std::size_t... kN>
+  static int read(const Kel* observation, auto& values, std::index_sequence<kN...>) {
+    int status = 0;
+    if constexpr (sizeof...(kN) == 0) return status;
+    else if constexpr (kByIndex) {
+      static_cast<void>((((status = readOne(observation, kN, &std::get<kN>(values))) == 0) && ...));
+      return status;
+    } else {
+      return Kel_GetArgs(observation, 0, kRow.read.data(), &std::get<kN>(values)...);
+    }
+  }
+
+  template <std::size_t kPlaceholder>
+  static auto filler(const auto& values) {
+    const auto value = std::get<static_cast<std::size_t>(kRow.fill[kPlaceholder] - '0')>(values);
+    if constexpr (conversion(eventMessage(kRow.text), 's', kPlaceholder) == Arg::i32) return static_cast<int>(value);
+    else return value;
+  }
+
+  static constexpr std::size_t placeholders() {
+    std::size_t count = 0;
+    while (conversion(eventMessage(kRow.text), 's', count) != Arg::none) ++count;
+    return count;
+  }
+
+ public:
+  static void handle(Post& post, OnUnreadable how, const Kel* observation) {
+    [&]<std::size_t... kN>(std::index_sequence<kN...>) {
+      std::tuple values{valueType<argument(kRow.read, kN)>()...};
+      if (const int status = read(observation, values, kArguments); status != 0) {
+        logUnreadable(how, observation, status);
+        return;
+      }
+      [&]<std::size_t... kP>(std::index_sequence<kP...>) {
+        post.VProb_Post(false, kRow.kind, kRow.text.data(), filler<kP>(values)...);
+      }(std::make_index_sequence<placeholders()>());
+    }(kArguments);
+  }
+};
+
+/// Registers a handler for every row of a table; `post` must outlive the handlers.
+template <const auto& kRows>
+void addRows(HandlerTable& handlers, Post& post, OnUnreadable how) {
+  [&]<std::size_t... kN>(std::index_sequence<kN...>) {
+    (handlers.emplace(std::string(kRows[kN].observation),
+                      [&post, how](const Kel* observation) { Translation<kRows, kN>::handle(post, how, observation); }),
+     ...);
+  }(std::make_index_sequence<kRows.size()>());
+}
+
+}  // namespace keld

@@ -1,0 +1,3 @@
+#include "keldLoop.h"
+
+int main(int argc, char** argv) { keld::runDaemon(argc, argv, false); }
