@@ -69,11 +69,13 @@ void appendLinkRecords(const LinkChange& change, std::deque<std::vector<char>>& 
   }
 }
 
-LinksChannel::LinksChannel(Netlink& netlink, LinkPolicy policy)
-    : netlink_(netlink), table_(std::move(policy)), datagram_(std::make_unique<char[]>(kNetlinkDatagramBytes)) {}
+LinksChannel::LinksChannel(std::shared_ptr<Netlink> netlink, LinkPolicy policy)
+    : netlink_(std::move(netlink)),
+      table_(std::move(policy)),
+      datagram_(std::make_unique<char[]>(kNetlinkDatagramBytes)) {}
 
-Answer<std::unique_ptr<Channel>> LinksChannel::open(Netlink& netlink, LinkPolicy policy) {
-  std::unique_ptr<LinksChannel> channel(new LinksChannel(netlink, std::move(policy)));
+Answer<std::unique_ptr<Channel>> LinksChannel::open(std::shared_ptr<Netlink> netlink, LinkPolicy policy) {
+  std::unique_ptr<LinksChannel> channel(new LinksChannel(std::move(netlink), std::move(policy)));
   if (const int status = channel->makeDescriptors(); status != 0) return {{status, {}}, {}};
   channel->subscribe();
   return {{}, std::move(channel)};
@@ -98,7 +100,7 @@ int LinksChannel::watch(int fd) {
 }
 
 void LinksChannel::subscribe() {
-  auto socket = netlink_.openLinkNotifications();
+  auto socket = netlink_->openLinkNotifications();
   if (!socket.ok()) {
     logOnce("links: no netlink (" + reasonOf(socket.outcome) + "); the channel is idle");
     return;
@@ -182,7 +184,7 @@ void LinksChannel::drain() {
 }
 
 void LinksChannel::resync() {
-  const auto dump = dumpLinks(netlink_);
+  const auto dump = dumpLinks(*netlink_);
   if (dump.ok()) {
     add(table_.resync(dump.value));
     return;

@@ -27,8 +27,8 @@ void appendLinkRecords(const LinkChange& change, std::deque<std::vector<char>>& 
 class LinksChannel final : public Channel {
  public:
   /// Subscribes, then learns how the links are. Fails where descriptors run out; where the kernel has
-  /// no netlink the channel is idle and the log says so once. `netlink` outlives the channel.
-  static Answer<std::unique_ptr<Channel>> open(Netlink& netlink, LinkPolicy policy);
+  /// no netlink the channel is idle and the log says so once.
+  static Answer<std::unique_ptr<Channel>> open(std::shared_ptr<Netlink> netlink, LinkPolicy policy);
 
   [[nodiscard]] int fd() const override { return poll_.get(); }
   /// As many whole records as fit, together smaller than `capacity`; the rest stays to be read. Length
@@ -40,7 +40,7 @@ class LinksChannel final : public Channel {
   [[nodiscard]] const char* name() const override { return "links"; }
 
  private:
-  LinksChannel(Netlink& netlink, LinkPolicy policy);
+  LinksChannel(std::shared_ptr<Netlink> netlink, LinkPolicy policy);
 
   int makeDescriptors();
   int watch(int fd);
@@ -54,7 +54,7 @@ class LinksChannel final : public Channel {
   void add(const std::vector<LinkChange>& changes);
   void signalRest();
 
-  Netlink& netlink_;
+  std::shared_ptr<Netlink> netlink_;
   LinkTable table_;
   std::unique_ptr<NetlinkSocket> notifications_;  ///< none: the channel is idle
   std::unique_ptr<char[]> datagram_;

@@ -21,7 +21,7 @@ namespace {
 
 class LinuxHost final : public Host {
  public:
-  LinuxHost(LinuxRoots roots, std::unique_ptr<Netlink> netlink)
+  LinuxHost(LinuxRoots roots, std::shared_ptr<Netlink> netlink)
       : roots_(std::move(roots)), netlink_(std::move(netlink)) {}
 
   [[nodiscard]] std::string describe() const override { return "linux"; }
@@ -42,7 +42,7 @@ class LinuxHost final : public Host {
   [[nodiscard]] Answer<LinkTable> readLinks() const;
 
   LinuxRoots roots_;
-  std::unique_ptr<Netlink> netlink_;
+  std::shared_ptr<Netlink> netlink_;
 };
 
 std::string LinuxHost::kernelBuild() const {
@@ -53,7 +53,7 @@ std::string LinuxHost::kernelBuild() const {
 
 Answer<std::unique_ptr<Channel>> LinuxHost::openChannel(std::uint32_t number) {
   if (number != kLinksContext) return {};
-  return LinksChannel::open(*netlink_, LinkPolicy::of(PlatformConf::load()));
+  return LinksChannel::open(netlink_, LinkPolicy::of(PlatformConf::load()));
 }
 
 Answer<std::optional<std::int64_t>> LinuxHost::optionValue(const std::string&) const {
@@ -115,7 +115,7 @@ Outcome LinuxHost::storeTrouble(const std::string&) const {
 
 }  // namespace
 
-std::unique_ptr<Host> makeLinuxHost(LinuxRoots roots, std::unique_ptr<Netlink> netlink) {
+std::unique_ptr<Host> makeLinuxHost(LinuxRoots roots, std::shared_ptr<Netlink> netlink) {
   return std::make_unique<LinuxHost>(std::move(roots), std::move(netlink));
 }
 
