@@ -21,7 +21,9 @@ namespace {
 constexpr int kInitialiseFailed = 1;
 
 /// The low 32 bits of an entry function's address, as the log shows it.
-unsigned entryWord(AgentEntry entry) { return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry)); }
+unsigned entryWord(AgentEntry entry) {
+  return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry));
+}
 
 struct ThreadStart {
   AgentEntry entry;

@@ -64,7 +64,8 @@ class AgentScope {
 
   /// Names the thread, makes the filter ("kel.GROUP" each, and the exact identifiers) and opens the
   /// stream. Returns 0, or a code that was logged; the agent is then cleaned up.
-  int initialise(const std::string& name, std::span<const char* const> groups, std::span<const char* const> identifiers);
+  int initialise(const std::string& name, std::span<const char* const> groups,
+                 std::span<const char* const> identifiers);
   /// Waits for the next observation, which becomes the caller's. Returns 0 or an error code.
   int waitNext(Kel** observation);
   /// Closes the stream and releases the agent; does nothing the second time.

@@ -53,7 +53,9 @@ class Connection {
   int fd_;
 };
 
-const char* eventName(const std::vector<char>& record) { return record.data() + record::kName; }
+const char* eventName(const std::vector<char>& record) {
+  return record.data() + record::kName;
+}
 
 }  // namespace
 

@@ -46,7 +46,7 @@ class Delivery {
   // The last connection timed out: until one succeeds, attempts do not wait, so that a receiver
   // that accepts nothing costs its five seconds once and not once per event.
   std::atomic<bool> stalled_{false};
-  std::mutex mutex_;        // held across a whole flush
+  std::mutex mutex_;         // held across a whole flush
   std::deque<Entry> queue_;  // guarded by mutex_; oldest first
 };
 

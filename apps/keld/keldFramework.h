@@ -46,6 +46,7 @@ void runCorrelator(AgentContext& context, const char* nameWord, const char* grou
 /// As runCorrelator; calls `wake`, never at the same time as a handler, whenever one of `extra`
 /// (descriptors to poll, at most 4) is readable, after draining up to 10 bytes of the first.
 void runCorrelatorWithWakeup(AgentContext& context, const char* nameWord, const char* group, const Handler& fallback,
-                             const HandlerTable& handlers, const std::function<void()>& wake, std::span<const int> extra);
+                             const HandlerTable& handlers, const std::function<void()>& wake,
+                             std::span<const int> extra);
 
 }  // namespace keld

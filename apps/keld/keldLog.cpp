@@ -96,6 +96,8 @@ void logObservation(const char* id, const char* message, std::uint64_t timestamp
       message != nullptr ? message : "(null)");
 }
 
-LogSink* setLogSink(LogSink* sink) { return logSink.exchange(sink, std::memory_order_acq_rel); }
+LogSink* setLogSink(LogSink* sink) {
+  return logSink.exchange(sink, std::memory_order_acq_rel);
+}
 
 }  // namespace keld

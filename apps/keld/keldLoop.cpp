@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <string>
 
-#include "keldAgentStarter.h"
 #include "keldLog.h"
 #include "keldOptions.h"
 #include "platform/vsi.h"
@@ -92,7 +91,9 @@ int enableAsyncObservations() {
 
 }  // namespace
 
-void ObservationBuffer::Free::operator()(char* bytes) const noexcept { std::free(bytes); }
+void ObservationBuffer::Free::operator()(char* bytes) const noexcept {
+  std::free(bytes);
+}
 
 bool ObservationBuffer::allocate() {
   bytes_.reset(static_cast<char*>(std::malloc(kInitialBytes)));
@@ -111,8 +112,9 @@ bool ObservationBuffer::grow() {
   return true;
 }
 
-Daemon::Daemon(bool withTestAgents)
-    : withTestAgents_(withTestAgents),
+Daemon::Daemon(AgentStarter start, bool withTestAgents)
+    : start_(start),
+      withTestAgents_(withTestAgents),
       timers_(systemClock()),
       trace_(systemClock()),
       delivery_(runPath("hagd-vprob.sock"), timers_),
@@ -144,7 +146,7 @@ int Daemon::startUp() {
   if (const int error = openContexts(); error != 0) return error;
   poll_.watch(PollSet::kTraceSlot, TraceServer::Trace_Listen(runPath("keld-trace.sock").c_str()));
   if (const int error = streams_.initialise(); error != 0) return error;
-  startAgents(agents_, withTestAgents_);
+  start_(agents_, withTestAgents_);
   if (!buffer_.allocate()) {
     Log("Error allocating space for kel buffer. Out of memory\n");
     return kOutOfMemory;
@@ -272,8 +274,8 @@ void Daemon::shutDown(int status) {
   Log("Exiting. rc:%d\n", status);
 }
 
-void runDaemon(int argc, char** argv, bool withTestAgents) {
-  auto* daemon = new Daemon(withTestAgents);
+void runDaemon(int argc, char** argv, AgentStarter start, bool withTestAgents) {
+  auto* daemon = new Daemon(start, withTestAgents);
   const int status = daemon->run(argc, argv);
   // Without destructors: the timer thread and trace clients may be using anything of the process.
   std::fflush(nullptr);

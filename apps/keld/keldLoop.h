@@ -18,6 +18,9 @@
 
 namespace keld {
 
+/// Starts the agents of a daemon; the test flag adds the test agents. Returns 0.
+using AgentStarter = int (*)(AgentRegistry& agents, bool withTestAgents);
+
 /// One buffer for all contexts: it grows, never shrinks, and is capped. Main thread only.
 class ObservationBuffer {
  public:
@@ -44,7 +47,8 @@ class ObservationBuffer {
 /// process ends.
 class Daemon {
  public:
-  explicit Daemon(bool withTestAgents);
+  /// `start` starts the agents, given the test flag.
+  Daemon(AgentStarter start, bool withTestAgents);
 
   /// Runs from start-up to shutdown and returns the status to exit with.
   int run(int argc, char** argv);
@@ -67,6 +71,7 @@ class Daemon {
   int readContext(int fd);
   void shutDown(int status);
 
+  AgentStarter start_;
   bool withTestAgents_;
   bool enableAsync_ = false;
   sigset_t waitMask_{};  // the signals blocked while the main thread waits
@@ -86,6 +91,6 @@ class Daemon {
 };
 
 /// The main of a daemon program; never returns to its caller.
-[[noreturn]] void runDaemon(int argc, char** argv, bool withTestAgents);
+[[noreturn]] void runDaemon(int argc, char** argv, AgentStarter start, bool withTestAgents);
 
 }  // namespace keld

@@ -185,9 +185,7 @@ void tsoNotSupported(Post& post, const Kel* observation) {
 }  // namespace
 
 NetCorrelator::NetCorrelator(Services& services, std::function<void()> wake)
-    : services_(services),
-      timer_(services.timers.create(std::move(wake))),
-      flapping_(services.clock, services.post) {}
+    : services_(services), timer_(services.timers.create(std::move(wake))), flapping_(services.clock, services.post) {}
 
 HandlerTable NetCorrelator::handlers() {
   const auto member = [this](void (NetCorrelator::*handle)(const Kel*)) {
@@ -218,7 +216,9 @@ void NetCorrelator::clearFlag(std::uint32_t flag, const std::string& nic) {
   if (isSet(flag, nic)) pendingFlags_[nic] &= ~flag;
 }
 
-std::int64_t NetCorrelator::nowSeconds() const { return services_.clock.wallSeconds().time_since_epoch().count(); }
+std::int64_t NetCorrelator::nowSeconds() const {
+  return services_.clock.wallSeconds().time_since_epoch().count();
+}
 
 void NetCorrelator::arm(std::uint32_t seconds, std::int64_t now) {
   services_.timers.set(timer_, TimerMode::oneShot, seconds);
@@ -331,10 +331,17 @@ void NetCorrelator::handleDue(std::uint32_t flag, const std::string& nic) {
     case kDvPortUp:
       if (!watchdog) reportDvPortsUp(nic);
       break;
-    case kLinkDown: linkDownDue(nic); break;
-    case kLinkUp: linkUpDue(nic); break;
-    case kWatchdog: watchdogDue(nic); break;
-    default: Panic("Received timeout event for unknown state: %x\n", flag);
+    case kLinkDown:
+      linkDownDue(nic);
+      break;
+    case kLinkUp:
+      linkUpDue(nic);
+      break;
+    case kWatchdog:
+      watchdogDue(nic);
+      break;
+    default:
+      Panic("Received timeout event for unknown state: %x\n", flag);
   }
 }
 
@@ -445,7 +452,8 @@ void NetCorrelator::reportPortGroupsUp(const std::string& nic) {
   if (!connected.empty() && portGroups_.connectivityLost.empty() && dvPorts_.connectivityLost.empty()) {
     post(kConnectivityRestored, connected);
   }
-  if (!portGroups_.redundancyRestored.empty() && portGroups_.redundancyLost.empty() && dvPorts_.redundancyLost.empty()) {
+  if (!portGroups_.redundancyRestored.empty() && portGroups_.redundancyLost.empty() &&
+      dvPorts_.redundancyLost.empty()) {
     post(kRedundancyRestored, portGroups_.redundancyRestored);
     portGroups_.redundancyRestored.clear();
   }

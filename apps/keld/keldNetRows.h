@@ -8,8 +8,10 @@
 
 namespace keld {
 
-inline constexpr auto kNetRows = table("kel.net.", {
-    // clang-format off
+inline constexpr auto kNetRows = table(
+    "kel.net.",
+    {
+        // clang-format off
     {"kel.net.firewall.disabled", "", VProbKind::audit,
      "@&!*@*@(orn.audit.net.firewall.disabled)Firewall has been disabled."},
     {"kel.net.firewall.enabled", "s", VProbKind::audit,
@@ -80,14 +82,15 @@ inline constexpr auto kNetRows = table("kel.net.", {
      "@&!*@*@(orn.problem.net.migrate.bindtoqk)The ORN advanced config option /Migrate/Qknic is set to an invalid qknic: '%s'.  /Migrate/Qknic specifies a qknic that SkyHop binds to for improved performance.  Please update the config option with a valid qknic or, if you don't want SkyHop to bind to a specific qknic, remove the invalid qknic and leave the option blank."},
     {"kel.net.migrate.unsupported.latency", "%u %p %p", VProbKind::problem,
      "@&!*@*@(orn.problem.net.migrate.unsupported.latency)ORNi has detected %ums round-trip Skyhop network latency between host %s and %s.  High latency Skyhop networks are only supported if both ORNi hosts have been configured for Skyhop latency tolerance."},
-    // clang-format on
-});
+        // clang-format on
+    });
 
 using Text = const char*;
 
 inline constexpr Event<Text, Text, Text> kConnectivityLost{
     VProbKind::problem,
-    "@&!*@*@(orn.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is down. "
+    "@&!*@*@(orn.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is "
+    "down. "
     "Affected port groups: %s"};
 inline constexpr Event<Text, Text, Text> kRedundancyLost{
     VProbKind::problem,
@@ -126,8 +129,8 @@ inline constexpr Event<Text, Text> kDvPortRedundancyRestored{
     "recently"};
 inline constexpr Event<Text> kLinkStateDown{
     VProbKind::problem, "@&!*@*@(orn.problem.net.qnic.linkstate.down)Physical NIC %s linkstate is down"};
-inline constexpr Event<Text> kLinkStateUp{
-    VProbKind::clear, "@&!*@*@(orn.clear.net.qnic.linkstate.up)Physical NIC %s linkstate is up"};
+inline constexpr Event<Text> kLinkStateUp{VProbKind::clear,
+                                          "@&!*@*@(orn.clear.net.qnic.linkstate.up)Physical NIC %s linkstate is up"};
 inline constexpr Event<Text> kWatchdogReset{
     VProbKind::problem,
     "@&!*@*@(orn.problem.net.qnic.watchdog.reset)Uplink %s has recovered from a transient failure due to watchdog "
@@ -160,12 +163,12 @@ inline constexpr const EventInfo* kDvPortDownEvents[] = {&kDvPortConnectivityLos
                                                          &kDvPortRedundancyDegraded};
 inline constexpr const EventInfo* kDvPortUpEvents[] = {&kDvPortConnectivityRestored, &kDvPortRedundancyRestored};
 inline constexpr const EventInfo* kLinkDownEvents[] = {&kLinkStateDown, &kFlapping};
-inline constexpr const EventInfo* kLinkUpEvents[] = {&kLinkStateUp, &kConnectivityRestored, &kDvPortConnectivityRestored,
-                                                     &kRedundancyRestored, &kDvPortRedundancyRestored};
-inline constexpr const EventInfo* kWatchdogEvents[] = {&kWatchdogReset,          &kConnectivityLost,
-                                                       &kRedundancyLost,         &kRedundancyDegraded,
-                                                       &kDvPortConnectivityLost, &kDvPortRedundancyLost,
-                                                       &kDvPortRedundancyDegraded, &kLinkStateDown};
+inline constexpr const EventInfo* kLinkUpEvents[] = {&kLinkStateUp, &kConnectivityRestored,
+                                                     &kDvPortConnectivityRestored, &kRedundancyRestored,
+                                                     &kDvPortRedundancyRestored};
+inline constexpr const EventInfo* kWatchdogEvents[] = {
+    &kWatchdogReset,          &kConnectivityLost,     &kRedundancyLost,           &kRedundancyDegraded,
+    &kDvPortConnectivityLost, &kDvPortRedundancyLost, &kDvPortRedundancyDegraded, &kLinkStateDown};
 inline constexpr const EventInfo* kFenceEvents[] = {&kBadFence, &kFenceSwitchUnavailable, &kFenceResourceLimited};
 inline constexpr const EventInfo* kTsoEvents[] = {&kTsoNotSupported};
 

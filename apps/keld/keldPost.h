@@ -21,7 +21,8 @@ class Post {
   void VProb_PostAudit(const char* markedTemplate, ...) __attribute__((format(printf, 2, 3)));
   void VProb_PostClear(const char* markedTemplate, ...) __attribute__((format(printf, 2, 3)));
   /// `queueOnly` skips the immediate delivery: for events whose receiver is known to be gone.
-  void VProb_Post(bool queueOnly, VProbKind kind, const char* markedTemplate, ...) __attribute__((format(printf, 4, 5)));
+  void VProb_Post(bool queueOnly, VProbKind kind, const char* markedTemplate, ...)
+      __attribute__((format(printf, 4, 5)));
   /// The discouraged interface: identifier without prefix and marker, always a problem.
   void Keld_PostProblem(const char* id, const char* messageTemplate, ...) __attribute__((format(printf, 3, 4)));
 

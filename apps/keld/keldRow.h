@@ -21,12 +21,12 @@
 namespace keld {
 
 // Never defined: a bad row calls one of them while its table compiles, and the name says why.
-void observation_outside_group();      // NOLINT(readability-identifier-naming)
-void observation_listed_twice();       // NOLINT(readability-identifier-naming)
-void unknown_conversion();             // NOLINT(readability-identifier-naming)
-void event_prefix_does_not_fit_kind();  // NOLINT(readability-identifier-naming)
-void event_name_longer_than_128();     // NOLINT(readability-identifier-naming)
-void placeholder_without_argument();   // NOLINT(readability-identifier-naming)
+void observation_outside_group();          // NOLINT(readability-identifier-naming)
+void observation_listed_twice();           // NOLINT(readability-identifier-naming)
+void unknown_conversion();                 // NOLINT(readability-identifier-naming)
+void event_prefix_does_not_fit_kind();     // NOLINT(readability-identifier-naming)
+void event_name_longer_than_128();         // NOLINT(readability-identifier-naming)
+void placeholder_without_argument();       // NOLINT(readability-identifier-naming)
 void argument_does_not_fit_placeholder();  // NOLINT(readability-identifier-naming)
 
 /// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder.
@@ -41,7 +41,8 @@ constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
     at = letter + 1;
     if (format[letter] == '%' || n-- != 0) continue;
     if (format[letter] == text) return Arg::text;
-    if (std::string_view("diuxX").find(format[letter]) == std::string_view::npos || letter - size > 1) unknown_conversion();
+    if (std::string_view("diuxX").find(format[letter]) == std::string_view::npos || letter - size > 1)
+      unknown_conversion();
     if (letter == size) return Arg::i32;
     return format[size] == 'l' ? Arg::i64 : Arg::i16;
   }
@@ -69,7 +70,9 @@ inline constexpr std::size_t kMaxEventName = 128;
 constexpr std::string_view eventName(std::string_view marked) {
   return marked.substr(kMarker.size(), marked.find(')') - kMarker.size());
 }
-constexpr std::string_view eventMessage(std::string_view marked) { return marked.substr(marked.find(')') + 1); }
+constexpr std::string_view eventMessage(std::string_view marked) {
+  return marked.substr(marked.find(')') + 1);
+}
 
 consteval void checkMarked(VProbKind kind, std::string_view marked) {
   constexpr std::string_view prefixes[] = {"orn.problem.", "orn.audit.", "orn.clear."};
@@ -88,7 +91,8 @@ struct Row {
   std::string_view fill;  ///< fill[n] is the argument that fills placeholder n
   VProbKind kind;
 
-  consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t, std::string_view f = "012345678")
+  consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t,
+                std::string_view f = "012345678")
       : observation(o), read(r), text(t), fill(f), kind(k) {
     checkMarked(k, t);
     for (std::size_t n = 0; conversion(eventMessage(t), 's', n) != Arg::none; ++n) {
@@ -134,7 +138,9 @@ struct Event : EventInfo {
   template <typename T>
   consteval void check(std::size_t n) const {
     const Arg want = conversion(eventMessage(text), 's', n);
-    const Arg have = std::is_same_v<T, const char*> ? Arg::text : sizeof(T) == sizeof(std::int64_t) ? Arg::i64 : Arg::i32;
+    const Arg have = std::is_same_v<T, const char*>      ? Arg::text
+                     : sizeof(T) == sizeof(std::int64_t) ? Arg::i64
+                                                         : Arg::i32;
     if (want != have) argument_does_not_fit_placeholder();
   }
 };
@@ -161,10 +167,14 @@ class Translation {
 
   template <Arg kArg>
   static auto valueType() {
-    if constexpr (kArg == Arg::text) return static_cast<const char*>(nullptr);
-    else if constexpr (kArg == Arg::i16) return std::int16_t{};
-    else if constexpr (kArg == Arg::i32) return int{};
-    else return std::int64_t{};
+    if constexpr (kArg == Arg::text)
+      return static_cast<const char*>(nullptr);
+    else if constexpr (kArg == Arg::i16)
+      return std::int16_t{};
+    else if constexpr (kArg == Arg::i32)
+      return int{};
+    else
+      return std::int64_t{};
   }
 
   static int readOne(const Kel* observation, unsigned index, const char** value) {
@@ -177,7 +187,8 @@ class Translation {
   template <std::size_t... kN>
   static int read(const Kel* observation, auto& values, std::index_sequence<kN...>) {
     int status = 0;
-    if constexpr (sizeof...(kN) == 0) return status;
+    if constexpr (sizeof...(kN) == 0)
+      return status;
     else if constexpr (kByIndex) {
       static_cast<void>((((status = readOne(observation, kN, &std::get<kN>(values))) == 0) && ...));
       return status;
@@ -189,8 +200,10 @@ class Translation {
   template <std::size_t kPlaceholder>
   static auto filler(const auto& values) {
     const auto value = std::get<static_cast<std::size_t>(kRow.fill[kPlaceholder] - '0')>(values);
-    if constexpr (conversion(eventMessage(kRow.text), 's', kPlaceholder) == Arg::i32) return static_cast<int>(value);
-    else return value;
+    if constexpr (conversion(eventMessage(kRow.text), 's', kPlaceholder) == Arg::i32)
+      return static_cast<int>(value);
+    else
+      return value;
   }
 
   static constexpr std::size_t placeholders() {
@@ -209,8 +222,10 @@ class Translation {
       }
       [&]<std::size_t... kP>(std::index_sequence<kP...>) {
         post.VProb_Post(false, kRow.kind, kRow.text.data(), filler<kP>(values)...);
-      }(std::make_index_sequence<placeholders()>());
-    }(kArguments);
+      }
+      (std::make_index_sequence<placeholders()>());
+    }
+    (kArguments);
   }
 };
 
@@ -221,7 +236,8 @@ void addRows(HandlerTable& handlers, Post& post, OnUnreadable how) {
     (handlers.emplace(std::string(kRows[kN].observation),
                       [&post, how](const Kel* observation) { Translation<kRows, kN>::handle(post, how, observation); }),
      ...);
-  }(std::make_index_sequence<kRows.size()>());
+  }
+  (std::make_index_sequence<kRows.size()>());
 }
 
 }  // namespace keld

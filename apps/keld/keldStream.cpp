@@ -64,7 +64,9 @@ bool StreamFilter::matches(const char* identifier) const {
   return std::ranges::any_of(groups_, below) || std::ranges::any_of(identifiers_, same);
 }
 
-void ObservationStream::Free::operator()(char* memory) const noexcept { std::free(memory); }
+void ObservationStream::Free::operator()(char* memory) const noexcept {
+  std::free(memory);
+}
 
 ObservationStream::ObservationStream(std::string agentName, StreamFilter filter)
     : agentName_(std::move(agentName)), filter_(std::move(filter)) {}
@@ -74,7 +76,9 @@ ObservationStream::~ObservationStream() {
   if (writeFd_ >= 0) ::close(writeFd_);
 }
 
-std::uint32_t ObservationStream::totalLength() const { return recordLength(partial_.get()); }
+std::uint32_t ObservationStream::totalLength() const {
+  return recordLength(partial_.get());
+}
 
 // One read towards what is wanted. Returns 0 once it is all there.
 int ObservationStream::readWanted() {
@@ -125,7 +129,9 @@ int ObservationStream::read(Kel** observation, bool* complete) {
   return 0;
 }
 
-int StreamList::initialise() { return pthread_mutex_init(&mutex_, nullptr); }
+int StreamList::initialise() {
+  return pthread_mutex_init(&mutex_, nullptr);
+}
 
 void StreamList::lock() {
   if (const int error = pthread_mutex_lock(&mutex_); error != 0) {

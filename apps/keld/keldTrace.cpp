@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -90,7 +91,9 @@ int TraceServer::Trace_Listen(const char* path) {
   unlink(path);
   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
   if (fd < 0) return -1;
-  if (bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(fd, kBacklog) != 0) {
+  // Before it is bound, so that there is no moment at which others could connect (unix(7)).
+  if (fchmod(fd, S_IRUSR | S_IWUSR) != 0 ||
+      bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || listen(fd, kBacklog) != 0) {
     const int error = errno;
     close(fd);
     errno = error;

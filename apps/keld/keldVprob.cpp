@@ -37,9 +37,15 @@ struct Prefix {
 Prefix prefixOf(VProbKind kind) {
   const char* text = nullptr;
   switch (kind) {
-    case VProbKind::problem: text = "orn.problem."; break;
-    case VProbKind::audit: text = "orn.audit."; break;
-    case VProbKind::clear: text = "orn.clear."; break;
+    case VProbKind::problem:
+      text = "orn.problem.";
+      break;
+    case VProbKind::audit:
+      text = "orn.audit.";
+      break;
+    case VProbKind::clear:
+      text = "orn.clear.";
+      break;
   }
   if (text == nullptr) Panic("NOT_REACHED %s:%d\n", kModule, __LINE__);
   return {text, kMarkerLength + std::strlen(text)};
@@ -69,8 +75,8 @@ bool collectArguments(Buffer& record, const char* messageTemplate, std::va_list 
     std::va_list copy;
     va_copy(copy, args);
     *used = size - total;
-    const bool collected = MsgFmt_GetArgsWithBuf(messageTemplate, copy, record.get() + record::kName + nameLength, used,
-                                                 count, nullptr);
+    const bool collected =
+        MsgFmt_GetArgsWithBuf(messageTemplate, copy, record.get() + record::kName + nameLength, used, count, nullptr);
     va_end(copy);
     if (collected) return true;
     char* grown = static_cast<char*>(std::realloc(record.get(), size * 2));
@@ -140,8 +146,8 @@ void VProb::compose(bool queueOnly, const char* prefix, const char* remainder, c
   }
   const std::size_t nameLength = std::strlen(prefix) + std::strlen(remainder) + 1;
   if (nameLength > record::kMaxNameLength) return;
-  const auto timestampUs = static_cast<std::uint64_t>(
-      std::chrono::floor<std::chrono::microseconds>(now.time_since_epoch()).count());
+  const auto timestampUs =
+      static_cast<std::uint64_t>(std::chrono::floor<std::chrono::microseconds>(now.time_since_epoch()).count());
   fillHeader(owned.get(), prefix, remainder, static_cast<std::uint32_t>(nameLength), hostIdentity_, timestampUs);
 
   std::uint32_t count = 0;

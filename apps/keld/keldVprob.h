@@ -38,7 +38,8 @@ class VProb final : public Post {
  private:
   void post(bool queueOnly, VProbKind kind, const char* markedTemplate, std::va_list args) override;
   void postUnmarked(const char* id, const char* messageTemplate, std::va_list args) override;
-  void compose(bool queueOnly, const char* prefix, const char* remainder, const char* messageTemplate, std::va_list args);
+  void compose(bool queueOnly, const char* prefix, const char* remainder, const char* messageTemplate,
+               std::va_list args);
 
   Clock& clock_;
   TraceServer& trace_;

@@ -1,3 +1,6 @@
+#include "keldAgentStarter.h"
 #include "keldLoop.h"
 
-int main(int argc, char** argv) { keld::runDaemon(argc, argv, false); }
+int main(int argc, char** argv) {
+  keld::runDaemon(argc, argv, keld::startAgents, false);
+}

@@ -15,8 +15,11 @@ class ManualClock final : public Clock {
   explicit ManualClock(WallSeconds start = WallSeconds(std::chrono::seconds(1'767'225'600))) : wall_(start) {}
 
   [[nodiscard]] WallTime wall() const override { return wall_; }
-  [[nodiscard]] std::chrono::seconds monotonic() const override { return std::chrono::floor<std::chrono::seconds>(monotonic_); }
-  void waitUntil(std::unique_lock<std::mutex>& /*lock*/, std::condition_variable& /*changed*/, WallSeconds /*due*/) override {}
+  [[nodiscard]] std::chrono::seconds monotonic() const override {
+    return std::chrono::floor<std::chrono::seconds>(monotonic_);
+  }
+  void waitUntil(std::unique_lock<std::mutex>& /*lock*/, std::condition_variable& /*changed*/,
+                 WallSeconds /*due*/) override {}
 
   /// Lets time pass on both clocks.
   void pass(std::chrono::nanoseconds time) {

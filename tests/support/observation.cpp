@@ -7,20 +7,35 @@
 
 namespace support {
 
-KelEmit::Argument s(std::string text) { return text; }
-KelEmit::Argument null() { return KelEmit::NullText{}; }
-KelEmit::Argument i(std::int32_t value) { return value; }
-KelEmit::Argument u(std::uint32_t value) { return value; }
-KelEmit::Argument l(std::int64_t value) { return value; }
-KelEmit::Argument L(std::uint64_t value) { return value; }
-KelEmit::Argument d(double value) { return value; }
+KelEmit::Argument s(std::string text) {
+  return text;
+}
+KelEmit::Argument null() {
+  return KelEmit::NullText{};
+}
+KelEmit::Argument i(std::int32_t value) {
+  return value;
+}
+KelEmit::Argument u(std::uint32_t value) {
+  return value;
+}
+KelEmit::Argument l(std::int64_t value) {
+  return value;
+}
+KelEmit::Argument L(std::uint64_t value) {
+  return value;
+}
+KelEmit::Argument d(double value) {
+  return value;
+}
 
 std::vector<char> rawRecord(const std::string& id, const std::vector<KelEmit::Argument>& arguments,
                             const std::string& message, std::uint64_t timestampUs) {
   KelEmit::Observation observation{id, std::nullopt, arguments, timestampUs};
   if (!message.empty()) observation.message = message;
   std::vector<char> batch;
-  if (KelEmit::appendRecord(observation, batch) != 0) throw std::invalid_argument("observation cannot be encoded: " + id);
+  if (KelEmit::appendRecord(observation, batch) != 0)
+    throw std::invalid_argument("observation cannot be encoded: " + id);
   return batch;
 }
 

@@ -39,7 +39,9 @@ PostedEvent clear(std::string name, std::string text) {
   return {keld::VProbKind::clear, std::move(name), std::move(text), false};
 }
 
-std::vector<PostedEvent> RecordingPost::take() { return std::exchange(events_, {}); }
+std::vector<PostedEvent> RecordingPost::take() {
+  return std::exchange(events_, {});
+}
 
 void RecordingPost::post(bool queueOnly, keld::VProbKind kind, const char* markedTemplate, std::va_list args) {
   const std::string marked(markedTemplate);
