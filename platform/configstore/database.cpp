@@ -47,6 +47,16 @@ Outcome troubleOf(sqlite3* database) {
   return {errnoOf(status, sqlite3_system_errno(database)), sqlite3_errmsg(database)};
 }
 
+/// Between two attempts to get a lock. SQLite's own handler waits longer and longer, so that a writer
+/// that hardly pauses starves all others.
+constexpr std::chrono::milliseconds kLockAttemptPause{1};
+
+int waitABit(void*, int attempts) {
+  if (attempts >= kDatabasePatience / kLockAttemptPause) return 0;
+  sqlite3_sleep(static_cast<int>(kLockAttemptPause.count()));
+  return 1;
+}
+
 // An empty file is a valid database. It is made under another name and then linked, because to close
 // a descriptor of a database drops every lock that this process holds on it.
 int makeEmptyFile(const std::string& path) {
@@ -118,8 +128,7 @@ Answer<Database> Database::open(const std::string& path) {
     opened.outcome = troubleOf(raw);
     return opened;
   }
-  constexpr std::chrono::milliseconds kPatience = kDatabasePatience;
-  sqlite3_busy_timeout(raw, static_cast<int>(kPatience.count()));
+  sqlite3_busy_handler(raw, waitABit, nullptr);
   sqlite3_limit(raw, SQLITE_LIMIT_LENGTH, kValueBytes);
   sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
@@ -160,10 +169,12 @@ Statement Database::prepare(std::string_view sql) {
   return Statement(statement);
 }
 
-bool Database::hasTable(std::string_view table) {
+Answer<bool> Database::hasTable(std::string_view table) {
   Statement query = prepare("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = ?1");
   query.bind(1, table);
-  return query.step() == Statement::Step::row;
+  const Statement::Step step = query.step();
+  if (step == Statement::Step::failed) return {trouble(), false};
+  return {{}, step == Statement::Step::row};
 }
 
 Outcome Database::trouble() const {

@@ -59,7 +59,8 @@ class Database {
   Outcome run(const char* statements);
   /// A statement that fails in its first step where `sql` is wrong.
   Statement prepare(std::string_view sql);
-  [[nodiscard]] bool hasTable(std::string_view table);
+  /// Fails where the file is no database.
+  Answer<bool> hasTable(std::string_view table);
   /// What went wrong in the last call, as an errno value with SQLite's text.
   [[nodiscard]] Outcome trouble() const;
 

@@ -21,7 +21,9 @@ Answer<std::vector<StoredObject>> selectObjects(const std::optional<std::string>
   Answer<Database> database = Database::openExisting();
   if (database.outcome.status == ENOENT) return objects;
   if (!database.ok()) return {std::move(database.outcome), {}};
-  if (!database.value.hasTable("objects")) return objects;
+  Answer<bool> used = database.value.hasTable("objects");
+  if (!used.ok()) return {std::move(used.outcome), {}};
+  if (!used.value) return objects;
   Statement query = database.value.prepare(kSelectObjects);
   if (name) query.bind(1, *name);
   std::optional<std::int64_t> current;
@@ -54,7 +56,8 @@ Outcome deleteStoredObject(const std::string& name) {
   if (!database.ok()) return std::move(database.outcome);
   bool removed = false;
   Outcome outcome = database.value.inTransaction([&]() -> Outcome {
-    if (!database.value.hasTable("objects")) return {};
+    Answer<bool> used = database.value.hasTable("objects");
+    if (!used.ok() || !used.value) return std::move(used.outcome);
     Statement remove = database.value.prepare("DELETE FROM objects WHERE name = ?1 RETURNING id");
     remove.bind(1, name);
     for (Statement::Step step = remove.step(); step != Statement::Step::done; step = remove.step()) {

@@ -78,7 +78,8 @@ Outcome forStored(const std::optional<std::string>& only, const Visit& visit) {
   Answer<Database> database = Database::openExisting();
   if (database.outcome.status == ENOENT) return {};
   if (!database.ok()) return database.outcome;
-  if (!database.value.hasTable("options")) return {};
+  const Answer<bool> used = database.value.hasTable("options");
+  if (!used.ok() || !used.value) return used.outcome;
   Statement query = database.value.prepare("SELECT name, value FROM options WHERE ?1 IS NULL OR name = ?1");
   if (only) query.bind(1, *only);
   while (true) {

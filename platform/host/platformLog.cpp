@@ -4,7 +4,10 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdarg>
 #include <cstdio>
+#include <mutex>
+#include <utility>
 
 namespace platform {
 
@@ -12,6 +15,24 @@ namespace {
 
 /// Longest line, its NUL included; a longer one is cut.
 constexpr std::size_t kLineBytes = 1024;
+
+struct SinkSlot {
+  std::mutex mutex;
+  ScopedPlatformLog::Sink sink;
+};
+
+// Kept for the process's life, so that threads which outlast main() may still log.
+SinkSlot& sinkSlot() {
+  static auto* const slot = new SinkSlot;
+  return *slot;
+}
+
+bool givenToSink(const char* line) {
+  SinkSlot& slot = sinkSlot();
+  const std::lock_guard lock(slot.mutex);
+  if (slot.sink) slot.sink(line);
+  return static_cast<bool>(slot.sink);
+}
 
 }  // namespace
 
@@ -29,9 +50,19 @@ void platformLog(const char* format, ...) {
       if (static_cast<unsigned char>(c) < 0x20) c = ' ';
     }
     // No openlog(3): the identity in the system log is the program's to choose.
-    syslog(LOG_INFO, "kelplat: %s", line.data());
+    if (!givenToSink(line.data())) syslog(LOG_INFO, "kelplat: %s", line.data());
   }
   errno = savedErrno;
+}
+
+ScopedPlatformLog::ScopedPlatformLog(Sink sink) {
+  const std::lock_guard lock(sinkSlot().mutex);
+  previous_ = std::exchange(sinkSlot().sink, std::move(sink));
+}
+
+ScopedPlatformLog::~ScopedPlatformLog() {
+  const std::lock_guard lock(sinkSlot().mutex);
+  sinkSlot().sink = std::move(previous_);
 }
 
 }  // namespace platform

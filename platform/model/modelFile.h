@@ -18,6 +18,9 @@ inline constexpr std::size_t kModelFileBytes = std::size_t{16} << 20;
 /// Deepest nesting of arrays and objects that is followed.
 inline constexpr std::size_t kModelFileDepth = 64;
 
+/// Pages that may be retired where the file does not say.
+inline constexpr std::uint64_t kDefaultPageRetireThreshold = 100;
+
 /// One partition of a disk: the volume on it, or the status with which asking for it fails.
 struct ModelPartition {
   std::uint32_t number = 0;

@@ -17,7 +17,6 @@ namespace {
 
 using Line = nlohmann::ordered_json;
 
-constexpr std::uint64_t kDefaultPageRetireThreshold = 100;
 constexpr const char* kUnknownBuild = "unknown";
 
 Outcome recordAction(const Line& line) {

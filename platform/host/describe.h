@@ -1,0 +1,14 @@
+// What the platform sees of the host, as one JSON value for the operator's tool.
+#pragma once
+
+#include <nlohmann/json.hpp>
+
+namespace platform {
+
+/// Everything the host in force says, section by section: "host", "kernel", "system", "options",
+/// "portGroups", and what a model file holds beyond these under "model". What cannot be had is an
+/// object {"error": reason, "status": n} in its place. Throws std::invalid_argument where KORVEL_HOST
+/// names no host.
+nlohmann::ordered_json describeHost();
+
+}  // namespace platform
