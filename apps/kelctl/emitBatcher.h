@@ -1,0 +1,42 @@
+// Records gathered into batches, one datagram each.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <vector>
+
+#include "emitWords.h"
+
+namespace kelctl {
+
+/// Keeps records in order. One batch is open at a time; it goes out when it is full, when the next
+/// record is for another context, and at flush().
+class EmitBatcher {
+ public:
+  /// A batch is always shorter than this.
+  static constexpr std::size_t kBatchLimitBytes = 131072;
+
+  /// Sends one batch; throws Failure where that fails.
+  using Send = std::function<void(const EmitTarget&, const std::vector<char>&)>;
+
+  explicit EmitBatcher(Send send) : send_(std::move(send)) {}
+
+  /// Why no batch can take `observation`; nothing where one can.
+  [[nodiscard]] static std::optional<WordsError> check(const KelEmit::Observation& observation);
+
+  /// Adds one record, which check() has passed; the open batch goes out once it has `perBatch` records.
+  void add(const KelEmit::Observation& observation, const EmitTarget& target, std::uint64_t perBatch);
+  /// Sends what is gathered.
+  void flush();
+
+ private:
+  Send send_;
+  EmitTarget target_;
+  std::uint64_t records_ = 0;
+  std::vector<char> batch_;
+  std::vector<char> record_;
+};
+
+}  // namespace kelctl
