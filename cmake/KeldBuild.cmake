@@ -17,6 +17,11 @@ if(KELD_SANITIZE)
   add_link_options(-fsanitize=${KELD_SANITIZE})
 endif()
 
+# Coverage of the code under test is what leads a fuzz target on.
+if(KELD_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 # keld_test(NAME SOURCES file... [LIBRARIES target...] [LABELS label...] [TIMEOUT seconds])
 # One GoogleTest program; each of its tests is a test of its own for CTest.
 function(keld_test name)
