@@ -18,6 +18,7 @@ namespace keld {
 namespace {
 
 constexpr int kOutOfMemory = 12;
+constexpr unsigned kPassesBetweenSignals = 64;
 constexpr std::size_t kKernelBuildShown = 20;
 constexpr const char* kDefaultRunDirectory = "/var/run/korvel";
 
@@ -169,6 +170,7 @@ int Daemon::openContexts() {
 }
 
 int Daemon::loop() {
+  unsigned passes = 0;
   while (true) {
     if (stopRequested.load()) {
       Log("Exiting due to signal.\n");
@@ -178,7 +180,8 @@ int Daemon::loop() {
       if (errno == EINTR) continue;
       return -1;
     }
-    deliverPendingSignals(waitMask_);
+    // A loop that always finds input would never take a signal in.
+    if (++passes % kPassesBetweenSignals == 0) deliverPendingSignals(waitMask_);
     if (const int status = walk(); status != 0) return status;
   }
 }
