@@ -44,10 +44,10 @@ std::optional<EventKind> kindOf(std::string_view name) {
   return std::nullopt;
 }
 
-/// Argument `index` of a swizzled area; nothing where its type has no value here or its string
-/// cannot be fetched.
-std::optional<KelEmit::Argument> argumentOf(std::span<const char> area, std::uint32_t index) {
-  const MsgFmt_Arg entry = MsgFmt_LoadArg(area.data(), index);
+/// The value of an entry of a swizzled area whose array has `arrayBytes`; nothing where its type has
+/// no value here or its string cannot be fetched.
+std::optional<KelEmit::Argument> argumentOf(const MsgFmt_Arg& entry, std::span<const char> area,
+                                            std::size_t arrayBytes) {
   const bool isUnsigned = (entry.flags & MSGFMT_FLAG_UNSIGNED) != 0;
   switch (entry.type) {
     case MSGFMT_ARG_INT32:
@@ -64,9 +64,10 @@ std::optional<KelEmit::Argument> argumentOf(std::span<const char> area, std::uin
       return std::bit_cast<double>(entry.value);
     case MSGFMT_ARG_STRING8: {
       const char* text = nullptr;
-      if (!MsgFmt_GetSwizzledString(area.data(), index, area.data() + area.size(), &text)) return std::nullopt;
+      std::size_t length = 0;
+      if (!msgfmt::findSwizzledText(entry, area.data(), area.size(), arrayBytes, &text, &length)) return std::nullopt;
       if (text == nullptr) return KelEmit::NullText{};
-      return std::string(text);
+      return std::string(text, length);
     }
     default:
       return std::nullopt;
@@ -138,10 +139,11 @@ std::variant<EventRecord, EventRecordError> decodeEventRecord(std::span<const ch
   record.argumentArea.assign(area.begin(), area.end());
   record.arguments.reserve(argumentCount);
   for (std::uint32_t index = 0; index < argumentCount; ++index) {
-    std::optional<KelEmit::Argument> argument = argumentOf(area, index);
+    const MsgFmt_Arg entry = MsgFmt_LoadArg(area.data(), index);
+    std::optional<KelEmit::Argument> argument = argumentOf(entry, area, argumentCount * sizeof(MsgFmt_Arg));
     if (!argument) {
       return malformed("argument " + std::to_string(index) + " has no usable value (type " +
-                       std::to_string(MsgFmt_LoadArg(area.data(), index).type) + ")");
+                       std::to_string(entry.type) + ")");
     }
     record.arguments.push_back(std::move(*argument));
   }

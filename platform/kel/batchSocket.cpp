@@ -1,0 +1,182 @@
+#include "kel/batchSocket.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "host/platformLog.h"
+#include "kel/batch.h"
+#include "platform/clock.h"
+#include "platform/kellib.h"
+
+namespace platform {
+
+namespace {
+
+struct Message {
+  int status = 0;
+  std::size_t length = 0;  ///< true length, also where the buffer was shorter
+  bool cut = false;
+  bool hasCredentials = false;
+  BatchSender sender;
+};
+
+/// Credentials come first and fill the control buffer (unix(7)), so the kernel lets go of descriptors
+/// that a client passes along; should some arrive all the same, they end here.
+void readControl(msghdr& header, Message& message) {
+  for (cmsghdr* part = CMSG_FIRSTHDR(&header); part != nullptr; part = CMSG_NXTHDR(&header, part)) {
+    if (part->cmsg_level != SOL_SOCKET) continue;
+    if (part->cmsg_type == SCM_CREDENTIALS && part->cmsg_len >= CMSG_LEN(sizeof(ucred))) {
+      ucred credentials{};
+      std::memcpy(&credentials, CMSG_DATA(part), sizeof credentials);
+      message.hasCredentials = true;
+      message.sender = {credentials.pid, credentials.uid};
+    } else if (part->cmsg_type == SCM_RIGHTS) {
+      for (std::size_t at = 0; CMSG_LEN(at + sizeof(int)) <= part->cmsg_len; at += sizeof(int)) {
+        int passed = -1;
+        std::memcpy(&passed, CMSG_DATA(part) + at, sizeof passed);
+        ::close(passed);
+      }
+    }
+  }
+}
+
+/// Consumes the message that waits first.
+Message receive(int fd, void* buffer, std::size_t capacity) {
+  iovec place{buffer, capacity};
+  alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
+  msghdr header{};
+  header.msg_iov = &place;
+  header.msg_iovlen = 1;
+  header.msg_control = control;
+  header.msg_controllen = sizeof control;
+  ssize_t length = -1;
+  do {
+    length = ::recvmsg(fd, &header, MSG_DONTWAIT | MSG_TRUNC | MSG_CMSG_CLOEXEC);
+  } while (length < 0 && errno == EINTR);
+  Message message;
+  if (length < 0) {
+    message.status = errno;
+    return message;
+  }
+  message.length = static_cast<std::size_t>(length);
+  message.cut = (header.msg_flags & MSG_TRUNC) != 0;
+  readControl(header, message);
+  return message;
+}
+
+/// Length of the message that waits first, which stays; -1 and errno as recv(2).
+ssize_t waitingLength(int fd) {
+  ssize_t length = -1;
+  char unused = 0;
+  do {
+    length = ::recv(fd, &unused, sizeof unused, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC);
+  } while (length < 0 && errno == EINTR);
+  return length;
+}
+
+bool isNothingWaiting(int status) {
+  return status == EAGAIN || status == EWOULDBLOCK;
+}
+
+}  // namespace
+
+BatchSocket::BatchSocket(int fd, Kind kind, std::string name, std::shared_ptr<CounterCells> counters)
+    : fd_(fd), kind_(kind), ownUser_(::geteuid()), name_(std::move(name)), counters_(std::move(counters)) {}
+
+int BatchSocket::read(void* buffer, std::size_t capacity, std::size_t* length) {
+  *length = 0;
+  int status = 0;
+  for (int drops = 0; take(buffer, capacity, length, &status) == Step::dropped;) {
+    if (++drops >= kDropsPerRead && !peerIsGone()) return 0;
+  }
+  return status;
+}
+
+BatchSocket::Step BatchSocket::take(void* buffer, std::size_t capacity, std::size_t* length, int* status) {
+  const ssize_t waiting = waitingLength(fd_);
+  if (waiting < 0) {
+    *status = isNothingWaiting(errno) ? 0 : errno;
+    return Step::finished;
+  }
+  const auto size = static_cast<std::size_t>(waiting);
+  // Nobody resets a connection, so what fits no buffer would wait on it for ever.
+  if (kind_ == Kind::connection && size >= kBatchLimitBytes) {
+    *status = dropOversized();
+    return *status == 0 ? Step::dropped : Step::finished;
+  }
+  if (size != 0 && size >= capacity) {
+    *status = KELLIB_ERR_BUFFER_TOO_SMALL;
+    return Step::finished;
+  }
+
+  const Message message = receive(fd_, buffer, capacity);
+  if (message.status != 0) {
+    *status = isNothingWaiting(message.status) ? 0 : message.status;
+    return Step::finished;
+  }
+  if (kind_ == Kind::connection && message.length == 0 && !message.hasCredentials) {
+    // A client that closed only its sending half polls readable without a hang-up, for ever. Closing
+    // ours too makes it one, which the reader acts on.
+    ::shutdown(fd_, SHUT_RDWR);
+    *status = ENOTCONN;
+    return Step::finished;
+  }
+  if (message.cut) {
+    recordDrop(counters_->malformed, "malformed", message.length, message.sender);
+    return Step::dropped;
+  }
+  const Step step = judge(buffer, message.length, message.sender);
+  if (step == Step::finished) *length = message.length;
+  return step;
+}
+
+BatchSocket::Step BatchSocket::judge(const void* batch, std::size_t length, const BatchSender& sender) {
+  const bool privileged = sender.user == 0 || sender.user == ownUser_;
+  switch (checkBatch(batch, length, privileged ? Emitter::privileged : Emitter::unprivileged)) {
+    case BatchVerdict::sound:
+      counters_->delivered.fetch_add(1, std::memory_order_relaxed);
+      return Step::finished;
+    case BatchVerdict::malformed:
+      recordDrop(counters_->malformed, "malformed", length, sender);
+      break;
+    case BatchVerdict::forbidden:
+      recordDrop(counters_->forbidden, "forbidden", length, sender);
+      break;
+  }
+  return Step::dropped;
+}
+
+int BatchSocket::dropOversized() {
+  char unused = 0;
+  const Message message = receive(fd_, &unused, sizeof unused);
+  if (message.status != 0) return isNothingWaiting(message.status) ? 0 : message.status;
+  recordDrop(counters_->oversized, "oversized", message.length, message.sender);
+  return 0;
+}
+
+int BatchSocket::reset() {
+  return dropOversized();
+}
+
+void BatchSocket::recordDrop(std::atomic<std::uint64_t>& counter, const char* why, std::size_t length,
+                             const BatchSender& sender) {
+  counter.fetch_add(1, std::memory_order_relaxed);
+  const auto unmentioned = dropLog().claim(sender, systemClock().monotonic());
+  if (!unmentioned) return;
+  platformLog("%s: dropped a batch of %zu bytes from process %d of user %u: %s (%llu earlier ones not mentioned)",
+              name_.c_str(), length, static_cast<int>(sender.process), static_cast<unsigned>(sender.user), why,
+              static_cast<unsigned long long>(*unmentioned));
+}
+
+bool BatchSocket::peerIsGone() const {
+  pollfd state{fd_, POLLIN, 0};
+  return kind_ == Kind::connection && ::poll(&state, 1, 0) == 1 && (state.revents & POLLHUP) != 0;
+}
+
+}  // namespace platform
