@@ -39,129 +39,154 @@ struct Expected {
   const char* text;
 };
 
-class Formats : public testing::TestWithParam<Expected> {};
-
-TEST_P(Formats, asExpected) {
-  EXPECT_EQ(formatted(GetParam().format, GetParam().entries), GetParam().text);
+void expectTexts(const std::vector<Expected>& table) {
+  for (const Expected& row : table)
+    EXPECT_EQ(formatted(row.format, row.entries), row.text) << "template " << row.format;
 }
 
-INSTANTIATE_TEST_SUITE_P(Plain, Formats,
-                         testing::Values(Expected{"", {}, ""}, Expected{"No args", {}, "No args"},
-                                         Expected{"100%%", {}, "100%"}, Expected{"%%%%", {}, "%%"},
-                                         Expected{"%%d", {i32(1)}, "%d"},
-                                         Expected{"/a/fake/path${path} path.", {}, "/a/fake/path${path} path."}));
+TEST(Format, plainTextAndPercentSigns) {
+  expectTexts({{"", {}, ""},
+               {"No args", {}, "No args"},
+               {"100%%", {}, "100%"},
+               {"%%%%", {}, "%%"},
+               {"%%d", {i32(1)}, "%d"},
+               {"/a/fake/path${path} path.", {}, "/a/fake/path${path} path."}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    SizeLetters, Formats,
-    testing::Values(Expected{"%hhd %hhd %hhd", {i32(SCHAR_MIN), i32(SCHAR_MAX), i32(128)}, "-128 127 -128"},
-                    Expected{"%hhu %hhx", {u32(256 + 7), i32(-1)}, "7 ff"},
-                    Expected{"%hd %hd %hd", {i32(SHRT_MIN), i32(SHRT_MAX), i32(32768)}, "-32768 32767 -32768"},
-                    Expected{"%hu %hX", {i32(-1), u32(0x1abcd)}, "65535 ABCD"},
-                    Expected{"%d %i", {i32(INT_MIN), i32(INT_MAX)}, "-2147483648 2147483647"},
-                    Expected{
-                        "%u %x %X %o", {u32(UINT_MAX), u32(UINT_MAX), u32(0xab), u32(8)}, "4294967295 ffffffff AB 10"},
-                    Expected{"%ld %lld", {i64(LONG_MIN), i64(LONG_MAX)}, "-9223372036854775808 9223372036854775807"},
-                    Expected{"%lu %llx", {u64(ULONG_MAX), u64(ULONG_MAX)}, "18446744073709551615 ffffffffffffffff"},
-                    Expected{"%zd %zu %jd %ju %td", {i64(-1), u64(1), i64(-2), u64(2), i64(-3)}, "-1 1 -2 2 -3"}));
+TEST(Format, everySizeLetterAtItsBoundaries) {
+  expectTexts({{"%hhd %hhd %hhd", {i32(SCHAR_MIN), i32(SCHAR_MAX), i32(128)}, "-128 127 -128"},
+               {"%hhu %hhx", {u32(256 + 7), i32(-1)}, "7 ff"},
+               {"%hd %hd %hd", {i32(SHRT_MIN), i32(SHRT_MAX), i32(32768)}, "-32768 32767 -32768"},
+               {"%hu %hX", {i32(-1), u32(0x1abcd)}, "65535 ABCD"},
+               {"%d %i", {i32(INT_MIN), i32(INT_MAX)}, "-2147483648 2147483647"},
+               {"%u %x %X %o", {u32(UINT_MAX), u32(UINT_MAX), u32(0xab), u32(8)}, "4294967295 ffffffff AB 10"},
+               {"%ld %lld", {i64(LONG_MIN), i64(LONG_MAX)}, "-9223372036854775808 9223372036854775807"},
+               {"%lu %llx", {u64(ULONG_MAX), u64(ULONG_MAX)}, "18446744073709551615 ffffffffffffffff"},
+               {"%zd %zu %jd %ju %td", {i64(-1), u64(1), i64(-2), u64(2), i64(-3)}, "-1 1 -2 2 -3"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(Widening, Formats,
-                         testing::Values(Expected{"%ld", {i32(-1)}, "-1"},
-                                         Expected{"%ld", {u32(UINT_MAX)}, "4294967295"},
-                                         Expected{"%lx", {i32(-1)}, "ffffffffffffffff"},
-                                         Expected{"%lx", {u32(UINT_MAX)}, "ffffffff"},
-                                         Expected{"%d", {u32(UINT_MAX)}, "-1"}, Expected{"%u", {i32(-1)}, "4294967295"},
-                                         // The upper bytes of a 32-bit value are nobody's.
-                                         Expected{"%ld", {makeEntry(MSGFMT_ARG_INT32, 0xffffffff00000005U)}, "5"}));
+TEST(Format, narrowEntryWidensByItsOwnSign) {
+  expectTexts({{"%ld", {i32(-1)}, "-1"},
+               {"%ld", {u32(UINT_MAX)}, "4294967295"},
+               {"%lx", {i32(-1)}, "ffffffffffffffff"},
+               {"%lx", {u32(UINT_MAX)}, "ffffffff"},
+               {"%d", {u32(UINT_MAX)}, "-1"},
+               {"%u", {i32(-1)}, "4294967295"},
+               // The upper bytes of a 32-bit value are nobody's.
+               {"%ld", {makeEntry(MSGFMT_ARG_INT32, 0xffffffff00000005U)}, "5"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(Narrowing, Formats,
-                         testing::Values(Expected{"%d", {i64(0x100000005)}, "5"}, Expected{"%x", {i64(-1)}, "ffffffff"},
-                                         Expected{"%hhx", {i64(0x1234)}, "34"},
-                                         Expected{"%hd", {i64(0x18000)}, "-32768"}, Expected{"%c", {i64(0x141)}, "A"}));
+TEST(Format, wideEntryIsTruncatedToTheSizeLetter) {
+  expectTexts({{"%d", {i64(0x100000005)}, "5"},
+               {"%x", {i64(-1)}, "ffffffff"},
+               {"%hhx", {i64(0x1234)}, "34"},
+               {"%hd", {i64(0x18000)}, "-32768"},
+               {"%c", {i64(0x141)}, "A"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Layout, Formats,
-    testing::Values(Expected{"[%5d|%-5d|%05d]", {i32(42), i32(42), i32(-42)}, "[   42|42   |-0042]"},
-                    Expected{"[%+d|% d|%#x|%#o]", {i32(1), i32(2), u32(255), u32(8)}, "[+1| 2|0xff|010]"},
-                    Expected{"[%.3d|%6.3d|%.0d]", {i32(5), i32(5), i32(0)}, "[005|   005|]"},
-                    Expected{"[%08x|%#010x]", {u32(0xbeef), u32(0xbeef)}, "[0000beef|0x0000beef]"},
-                    Expected{"[%6s|%-6s|%.2s|%5.1s]",
-                             {text("abc"), text("abc"), text("abc"), text("abc")},
-                             "[   abc|abc   |ab|    a]"},
-                    Expected{"[%c|%3c|%-3c]", {i32('x'), i32('y'), i32('z')}, "[x|  y|z  ]"},
-                    Expected{"[%.s]", {text("abc")}, "[]"}, Expected{"%02hhx%02hhx", {u32(0x0a), u32(0xfb)}, "0afb"}));
+TEST(Format, flagsWidthAndPrecisionLayOutAsPrintfDoes) {
+  expectTexts(
+      {{"[%5d|%-5d|%05d]", {i32(42), i32(42), i32(-42)}, "[   42|42   |-0042]"},
+       {"[%+d|% d|%#x|%#o]", {i32(1), i32(2), u32(255), u32(8)}, "[+1| 2|0xff|010]"},
+       {"[%.3d|%6.3d|%.0d]", {i32(5), i32(5), i32(0)}, "[005|   005|]"},
+       {"[%08x|%#010x]", {u32(0xbeef), u32(0xbeef)}, "[0000beef|0x0000beef]"},
+       {"[%6s|%-6s|%.2s|%5.1s]", {text("abc"), text("abc"), text("abc"), text("abc")}, "[   abc|abc   |ab|    a]"},
+       {"[%c|%3c|%-3c]", {i32('x'), i32('y'), i32('z')}, "[x|  y|z  ]"},
+       {"[%.s]", {text("abc")}, "[]"},
+       {"%02hhx%02hhx", {u32(0x0a), u32(0xfb)}, "0afb"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Stars, Formats,
-    testing::Values(Expected{"[%*d]", {i32(5), i32(42)}, "[   42]"}, Expected{"[%*d]", {i32(-5), i32(42)}, "[42   ]"},
-                    Expected{"[%.*d]", {i32(3), i32(7)}, "[007]"}, Expected{"[%.*d]", {i32(-3), i32(7)}, "[7]"},
-                    Expected{"[%*.*s]", {i32(4), i32(2), text("abc")}, "[  ab]"},
-                    Expected{"[%.*s]", {i32(-1), text("abc")}, "[abc]"},
-                    Expected{"[%*.*f]", {i32(7), i32(2), f64(1.5)}, "[   1.50]"}, Expected{"[%*d]", {i32(5)}, "[%*d]"},
-                    Expected{"[%*d]", {}, "[%*d]"}, Expected{"[%*d] %d", {text("x"), i32(1), i32(2)}, "[%*d] 2"}));
+TEST(Format, starsTakeEntriesOfTheirOwn) {
+  expectTexts({{"[%*d]", {i32(5), i32(42)}, "[   42]"},
+               {"[%*d]", {i32(-5), i32(42)}, "[42   ]"},
+               {"[%.*d]", {i32(3), i32(7)}, "[007]"},
+               {"[%.*d]", {i32(-3), i32(7)}, "[7]"},
+               {"[%*.*s]", {i32(4), i32(2), text("abc")}, "[  ab]"},
+               {"[%.*s]", {i32(-1), text("abc")}, "[abc]"},
+               {"[%*.*f]", {i32(7), i32(2), f64(1.5)}, "[   1.50]"},
+               {"[%*d]", {i32(5)}, "[%*d]"},
+               {"[%*d]", {}, "[%*d]"},
+               {"[%*d] %d", {text("x"), i32(1), i32(2)}, "[%*d] 2"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Floating, Formats,
-    testing::Values(
-        Expected{"%f %.2f %g %e", {f64(12.5), f64(0.125), f64(1e20), f64(1)}, "12.500000 0.12 1e+20 1.000000e+00"},
-        Expected{"%lf %Lf %G %A", {f64(1), f64(2), f64(1e-10), f64(1)}, "1.000000 2.000000 1E-10 0X1P+0"},
-        Expected{"%f %F %g", {f64(INFINITY), f64(INFINITY), f64(-INFINITY)}, "inf INF -inf"}));
+TEST(Format, floatingPoint) {
+  expectTexts({{"%f %.2f %g %e", {f64(12.5), f64(0.125), f64(1e20), f64(1)}, "12.500000 0.12 1e+20 1.000000e+00"},
+               {"%lf %Lf %G %A", {f64(1), f64(2), f64(1e-10), f64(1)}, "1.000000 2.000000 1E-10 0X1P+0"},
+               {"%f %F %g", {f64(INFINITY), f64(INFINITY), f64(-INFINITY)}, "inf INF -inf"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    Pointers, Formats,
-    testing::Values(
-        Expected{"%p", {makeEntry(MSGFMT_ARG_PTR64, 0xdeadbeefcafeU)}, "0xdeadbeefcafe"},
-        Expected{"%p", {makeEntry(MSGFMT_ARG_PTR32, 0xffffffff00000abcU)}, "0xabc"},
-        Expected{"%p", {makeEntry(MSGFMT_ARG_PTR64, 0)}, "0x0"},
-        Expected{"[%6p|%-6p]", {makeEntry(MSGFMT_ARG_PTR64, 0xa), makeEntry(MSGFMT_ARG_PTR64, 0xb)}, "[   0xa|0xb   ]"},
-        Expected{"%p", {text("a string")}, "a string"}, Expected{"%p", {text(nullptr)}, "(null)"}));
+TEST(Format, pointersAndStringsByPointerConversion) {
+  expectTexts({{"%p", {makeEntry(MSGFMT_ARG_PTR64, 0xdeadbeefcafeU)}, "0xdeadbeefcafe"},
+               {"%p", {makeEntry(MSGFMT_ARG_PTR32, 0xffffffff00000abcU)}, "0xabc"},
+               {"%p", {makeEntry(MSGFMT_ARG_PTR64, 0)}, "0x0"},
+               {"[%6p|%-6p]", {makeEntry(MSGFMT_ARG_PTR64, 0xa), makeEntry(MSGFMT_ARG_PTR64, 0xb)}, "[   0xa|0xb   ]"},
+               {"%p", {text("a string")}, "a string"},
+               {"%p", {text(nullptr)}, "(null)"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(NullStrings, Formats,
-                         testing::Values(Expected{"%s", {text(nullptr)}, "(null)"},
-                                         Expected{"%8s", {text(nullptr)}, "  (null)"},
-                                         Expected{"%.2s", {text(nullptr)}, "(n"}));
+TEST(Format, nullStringShowsAsNull) {
+  expectTexts(
+      {{"%s", {text(nullptr)}, "(null)"}, {"%8s", {text(nullptr)}, "  (null)"}, {"%.2s", {text(nullptr)}, "(n"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    StaysAsItStands, Formats,
-    testing::Values(Expected{"%d and %s", {}, "%d and %s"}, Expected{"%d, %-8.3s!", {i32(1)}, "1, %-8.3s!"},
-                    // An entry of another kind is used up by the conversion it does not fit.
-                    Expected{"%d %d", {text("x"), i32(2)}, "%d 2"}, Expected{"%s %s", {i32(1), text("x")}, "%s x"},
-                    Expected{"%f %d", {i32(1), i32(2)}, "%f 2"}, Expected{"%d", {f64(1)}, "%d"},
-                    Expected{"%p", {i64(1)}, "%p"}, Expected{"%d", {makeEntry(MSGFMT_ARG_PTR64, 1)}, "%d"},
-                    Expected{"%c", {text("x")}, "%c"}, Expected{"%s", {makeEntry(MSGFMT_ARG_STRING16, 1)}, "%s"},
-                    Expected{"%s", {makeEntry(MSGFMT_ARG_STRING32, 1)}, "%s"}, Expected{"%d", {makeEntry(0, 1)}, "%d"},
-                    Expected{"%d", {makeEntry(99, 1)}, "%d"}, Expected{"%d", {makeEntry(UINT32_MAX, 1)}, "%d"},
-                    // Wide text has a known letter and uses its entry, what is unknown uses none.
-                    Expected{"%ls %d", {text("x"), i32(1)}, "%ls 1"}, Expected{"%n %d", {i32(1)}, "%n 1"},
-                    Expected{"%1$d %d", {i32(1)}, "%1$d 1"}, Expected{"%y%d", {i32(1)}, "%y1"},
-                    Expected{"%", {i32(1)}, "%"}, Expected{"%d%", {i32(1)}, "1%"},
-                    Expected{"%-5.2l", {i32(1)}, "%-5.2l"}, Expected{"50% %d", {i32(3)}, "50% 3"},
-                    Expected{"%5%d", {i32(3)}, "%53"}));
+TEST(Format, conversionWithoutFittingEntryStaysAsItStands) {
+  expectTexts({{"%d and %s", {}, "%d and %s"},
+               {"%d, %-8.3s!", {i32(1)}, "1, %-8.3s!"},
+               // An entry of another kind is used up by the conversion it does not fit.
+               {"%d %d", {text("x"), i32(2)}, "%d 2"},
+               {"%s %s", {i32(1), text("x")}, "%s x"},
+               {"%f %d", {i32(1), i32(2)}, "%f 2"},
+               {"%d", {f64(1)}, "%d"},
+               {"%p", {i64(1)}, "%p"},
+               {"%d", {makeEntry(MSGFMT_ARG_PTR64, 1)}, "%d"},
+               {"%c", {text("x")}, "%c"},
+               {"%s", {makeEntry(MSGFMT_ARG_STRING16, 1)}, "%s"},
+               {"%s", {makeEntry(MSGFMT_ARG_STRING32, 1)}, "%s"},
+               {"%d", {makeEntry(0, 1)}, "%d"},
+               {"%d", {makeEntry(99, 1)}, "%d"},
+               {"%d", {makeEntry(UINT32_MAX, 1)}, "%d"},
+               // Wide text has a known letter and uses its entry, what is unknown uses none.
+               {"%ls %d", {text("x"), i32(1)}, "%ls 1"},
+               {"%n %d", {i32(1)}, "%n 1"},
+               {"%1$d %d", {i32(1)}, "%1$d 1"},
+               {"%y%d", {i32(1)}, "%y1"},
+               {"%", {i32(1)}, "%"},
+               {"%d%", {i32(1)}, "1%"},
+               {"%-5.2l", {i32(1)}, "%-5.2l"},
+               {"50% %d", {i32(3)}, "50% 3"},
+               {"%5%d", {i32(3)}, "%53"}});
+}
 
 // What a daemon's self-test expects of kernel templates that are odd on purpose.
-INSTANTIATE_TEST_SUITE_P(
-    OddKernelTemplates, Formats,
-    testing::Values(Expected{"", {}, ""}, Expected{"%%", {}, "%"}, Expected{"%s", {text("")}, ""},
-                    Expected{"%s", {text("000")}, "000"}, Expected{"%d${", {i32(0)}, "0${"},
-                    Expected{"%d${asdf", {i32(0)}, "0${asdf"}, Expected{"%d${a%d{df}", {i32(0), i32(0)}, "0${a0{df}"},
-                    Expected{"%d${009__.asdf}", {i32(0)}, "0${009__.asdf}"},
-                    Expected{"%d${009__.asdf=bar=baz=foof}", {i32(0)}, "0${009__.asdf=bar=baz=foof}"},
-                    Expected{"%d${=invalid}", {i32(0)}, "0${=invalid}"}, Expected{"%%${ignore}", {}, "%${ignore}"},
-                    Expected{"%${ignore}", {}, "%${ignore}"}, Expected{"%%${=ignore}", {}, "%${=ignore}"},
-                    Expected{"%${=ignore}", {}, "%${=ignore}"}));
+TEST(Format, oddKernelTemplatesRender) {
+  expectTexts({{"", {}, ""},
+               {"%%", {}, "%"},
+               {"%s", {text("")}, ""},
+               {"%s", {text("000")}, "000"},
+               {"%d${", {i32(0)}, "0${"},
+               {"%d${asdf", {i32(0)}, "0${asdf"},
+               {"%d${a%d{df}", {i32(0), i32(0)}, "0${a0{df}"},
+               {"%d${009__.asdf}", {i32(0)}, "0${009__.asdf}"},
+               {"%d${009__.asdf=bar=baz=foof}", {i32(0)}, "0${009__.asdf=bar=baz=foof}"},
+               {"%d${=invalid}", {i32(0)}, "0${=invalid}"},
+               {"%%${ignore}", {}, "%${ignore}"},
+               {"%${ignore}", {}, "%${ignore}"},
+               {"%%${=ignore}", {}, "%${=ignore}"},
+               {"%${=ignore}", {}, "%${=ignore}"}});
+}
 
-INSTANTIATE_TEST_SUITE_P(
-    KernelTemplates, Formats,
-    testing::Values(
-        Expected{"this is an observation with integer parameters. %d, %x, %ld",
-                 {i32(-559038737), i32(-559038737), i64(-2401053088876216593)},
-                 "this is an observation with integer parameters. -559038737, deadbeef, -2401053088876216593"},
-        Expected{"this is an observation with unsigned integer parameters. %u, %x, %lu",
-                 {u32(3735928559U), u32(3735928559U), u64(16045690984833335023U)},
-                 "this is an observation with unsigned integer parameters. 3735928559, deadbeef, 16045690984833335023"},
-        Expected{"this is an observation with a string parameter: %s and another: %s",
-                 {text("some looong long long long long long string"), text("some string")},
-                 "this is an observation with a string parameter: some looong long long long long long string and "
-                 "another: some string"}));
+TEST(Format, kernelTemplatesRender) {
+  expectTexts({{"this is an observation with integer parameters. %d, %x, %ld",
+                {i32(-559038737), i32(-559038737), i64(-2401053088876216593)},
+                "this is an observation with integer parameters. -559038737, deadbeef, -2401053088876216593"},
+               {"this is an observation with unsigned integer parameters. %u, %x, %lu",
+                {u32(3735928559U), u32(3735928559U), u64(16045690984833335023U)},
+                "this is an observation with unsigned integer parameters. 3735928559, deadbeef, 16045690984833335023"},
+               {"this is an observation with a string parameter: %s and another: %s",
+                {text("some looong long long long long long string"), text("some string")},
+                "this is an observation with a string parameter: some looong long long long long long string and "
+                "another: some string"}});
+}
 
 TEST(Format, surplusEntriesAreIgnored) {
   EXPECT_EQ(formatted("%d", {i32(1), text("x"), i32(2)}), "1");
