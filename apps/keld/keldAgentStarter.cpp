@@ -2,6 +2,7 @@
 
 #include "keldCorrelator.h"
 #include "keldLogAll.h"
+#include "keldTestCorrelator.h"
 
 namespace keld {
 
@@ -9,6 +10,7 @@ int startAgents(AgentRegistry& agents, bool withTestAgents) {
   for (const CorrelatorInfo* correlator : correlators()) agents.start(correlator->entry);
   if (withTestAgents) {
     agents.start(runLogAll);
+    agents.start(kTestCorrelator.entry);
   }
   return 0;
 }

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "correlatorHarness.h"
+#include "keldAgentStarter.h"
 #include "keldLogAll.h"
 
 namespace {
@@ -156,6 +157,16 @@ TEST_F(AgentTest, aCorrelatorThatCannotBeInitialisedIsAbsentWhileOthersRun) {
   EXPECT_EQ(streams.fanOut(filler.data(), filler.size()), 0);
   EXPECT_EQ(journal().take().front(), "kel.first.x");
   agents.stopAll();
+}
+
+TEST_F(AgentTest, theTestAgentsStartWithTheTestFlagOnly) {
+  EXPECT_EQ(keld::startAgents(agents, false), 0);
+  const std::uint32_t ordinary = agents.count();
+  agents.stopAll();
+  keld::AgentRegistry withTests{streams, scenario.services};
+  EXPECT_EQ(keld::startAgents(withTests, true), 0);
+  EXPECT_EQ(withTests.count(), ordinary + 2);
+  withTests.stopAll();
 }
 
 }  // namespace
