@@ -306,7 +306,6 @@ char* format(std::size_t* length, const char* templ, Entries entries) {
     const auto* percent = static_cast<const char*>(std::memchr(at, '%', static_cast<std::size_t>(end - at)));
     if (percent == nullptr) percent = end;
     out.append(at, static_cast<std::size_t>(percent - at));
-    at = percent;
     if (percent == end) break;
     const Conversion conversion = msgfmt::readConversion(percent);
     if (!putConversion(conversion, entries, out)) out.append(conversion.begin, conversion.text().size());

@@ -15,15 +15,6 @@ using msgfmt::Converts;
 using msgfmt::Measure;
 using msgfmt::SizeLetter;
 
-/// The caller's arguments, passable by reference: a va_list parameter may be an array that decayed.
-struct Arguments {
-  explicit Arguments(std::va_list from) { va_copy(list, from); }
-  Arguments(const Arguments&) = delete;
-  Arguments& operator=(const Arguments&) = delete;
-  ~Arguments() { va_end(list); }
-  std::va_list list;
-};
-
 bool is64Bit(SizeLetter size) {
   return size == SizeLetter::l || size == SizeLetter::ll || size == SizeLetter::z || size == SizeLetter::j ||
          size == SizeLetter::t;
@@ -93,26 +84,25 @@ class AreaWriter {
   std::uint32_t count_ = 0;
 };
 
-int addStar(Arguments& arguments, AreaWriter& area) {
-  const int value = va_arg(arguments.list, int);
+int addStar(std::va_list& arguments, AreaWriter& area) {
+  const int value = va_arg(arguments, int);
   area.add(entryOf(MSGFMT_ARG_INT32, 0, static_cast<std::uint32_t>(value)));
   return value;
 }
 
-MsgFmt_Arg readInteger(const Conversion& conversion, Arguments& arguments) {
+MsgFmt_Arg readInteger(const Conversion& conversion, std::va_list& arguments) {
   const std::uint32_t flags = conversion.converts == Converts::signedInteger ? 0 : MSGFMT_FLAG_UNSIGNED;
-  if (is64Bit(conversion.size)) return entryOf(MSGFMT_ARG_INT64, flags, va_arg(arguments.list, unsigned long));
-  return entryOf(MSGFMT_ARG_INT32, flags, va_arg(arguments.list, unsigned));
+  if (is64Bit(conversion.size)) return entryOf(MSGFMT_ARG_INT64, flags, va_arg(arguments, unsigned long));
+  return entryOf(MSGFMT_ARG_INT32, flags, va_arg(arguments, unsigned));
 }
 
-MsgFmt_Arg readFloating(const Conversion& conversion, Arguments& arguments) {
-  const double value = conversion.size == SizeLetter::longDouble
-                           ? static_cast<double>(va_arg(arguments.list, long double))
-                           : va_arg(arguments.list, double);
+MsgFmt_Arg readFloating(const Conversion& conversion, std::va_list& arguments) {
+  const double value = conversion.size == SizeLetter::longDouble ? static_cast<double>(va_arg(arguments, long double))
+                                                                 : va_arg(arguments, double);
   return entryOf(MSGFMT_ARG_FLOAT64, 0, std::bit_cast<std::uint64_t>(value));
 }
 
-bool addConversion(const Conversion& conversion, Arguments& arguments, AreaWriter& area) {
+bool addConversion(const Conversion& conversion, std::va_list& arguments, AreaWriter& area) {
   if (conversion.width.from == Measure::From::argument) addStar(arguments, area);
   std::size_t textLimit = SIZE_MAX;
   if (conversion.precision.from == Measure::From::digits) {
@@ -123,9 +113,9 @@ bool addConversion(const Conversion& conversion, Arguments& arguments, AreaWrite
   }
   switch (conversion.converts) {
     case Converts::text:
-      return area.addText(va_arg(arguments.list, const char*), textLimit);
+      return area.addText(va_arg(arguments, const char*), textLimit);
     case Converts::pointer:
-      area.add(entryOf(MSGFMT_ARG_PTR64, 0, reinterpret_cast<std::uintptr_t>(va_arg(arguments.list, void*))));
+      area.add(entryOf(MSGFMT_ARG_PTR64, 0, reinterpret_cast<std::uintptr_t>(va_arg(arguments, void*))));
       return true;
     case Converts::floating:
       area.add(readFloating(conversion, arguments));
@@ -138,6 +128,15 @@ bool addConversion(const Conversion& conversion, Arguments& arguments, AreaWrite
     case Converts::percent:
     case Converts::unknown:
       break;
+  }
+  return true;
+}
+
+bool addAll(const char* format, std::va_list& arguments, AreaWriter& area) {
+  for (const char* at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at, '%')) {
+    const Conversion conversion = msgfmt::readConversion(at);
+    if (!addConversion(conversion, arguments, area)) return false;
+    at = conversion.end;
   }
   return true;
 }
@@ -163,13 +162,12 @@ bool MsgFmt_GetArgsWithBuf(const char* format, std::va_list args, void* buffer, 
   }
   if (needed > *size / sizeof(MsgFmt_Arg) || needed > UINT32_MAX) return doesNotFit(*size, error);
 
-  Arguments arguments(args);
   AreaWriter area(buffer, *size, needed * sizeof(MsgFmt_Arg));
-  for (const char* at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at, '%')) {
-    const Conversion conversion = msgfmt::readConversion(at);
-    if (!addConversion(conversion, arguments, area)) return doesNotFit(*size, error);
-    at = conversion.end;
-  }
+  std::va_list arguments;
+  va_copy(arguments, args);
+  const bool fits = addAll(format, arguments, area);
+  va_end(arguments);
+  if (!fits) return doesNotFit(*size, error);
   *size = area.used();
   *count = area.count();
   return true;

@@ -51,7 +51,8 @@ bool MsgFmt_GetArgsWithBuf(const char* format, std::va_list args, void* buffer, 
 
 /// Formats a local (not swizzled) array by a template into a string to release with free(), with
 /// its length in `*length` unless that is null. A conversion without a fitting entry stays as it
-/// stands, a null string shows as "(null)". nullptr when memory is exhausted.
+/// stands, a null string shows as "(null)", a width beyond 4096 counts as 4096, and a text is cut off
+/// at 1 MiB. nullptr when memory is exhausted.
 char* MsgFmt_Asprintf(std::size_t* length, const char* format, const void* array, std::uint32_t count);
 
 /// Formats a swizzled array that lies in an area of `areaSize` bytes, as MsgFmt_Asprintf does. An
