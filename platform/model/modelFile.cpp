@@ -79,12 +79,19 @@ Integer integer(const json& value, const std::string& where) {
                             std::to_string(std::numeric_limits<Integer>::max()) + " is wanted");
 }
 
+/// The place of a key inside the object at `where`, which is empty for the whole file.
+std::string below(const std::string& where, const std::string& key) {
+  if (where.empty()) return key;
+  std::string place = where;
+  return place.append(1, '.').append(key);
+}
+
 /// Calls `read(key, value, where)` for each member of the object.
 template <typename Read>
 void members(const json& value, const std::string& where, const Read& read) {
   for (const auto& [key, member] : object(value, where).items()) {
     if (key.find('\0') != std::string::npos) throw BadModel(where, "a key without NUL is wanted");
-    read(key, member, where + "." + key);
+    read(key, member, below(where, key));
   }
 }
 
@@ -105,7 +112,7 @@ struct Key {
 template <typename Target, std::size_t N>
 void section(const std::array<Key<Target>, N>& keys, Target& target, const json& value, const std::string& where) {
   for (const auto& [name, member] : object(value, where).items()) {
-    const std::string at = where.empty() ? name : where + "." + name;
+    const std::string at = below(where, name);
     const auto key =
         std::find_if(keys.begin(), keys.end(), [&, &wanted = name](const auto& k) { return k.name == wanted; });
     if (key != keys.end()) {

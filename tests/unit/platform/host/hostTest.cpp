@@ -44,6 +44,7 @@ TEST_F(HostSeam, ScopedHostsNestAndUndo) {
 TEST_F(HostSeam, TheHostMayBeAskedFromManyThreads) {
   model_.write(R"({"portGroups": {"Production": "switch0"}})");
   std::vector<std::thread> threads;
+  threads.reserve(4);
   std::atomic<int> answered{0};
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {

@@ -151,6 +151,7 @@ TEST_F(Model, AnActionThatCannotBeWrittenFails) {
 
 TEST_F(Model, ConcurrentActionsKeepTheirLinesWhole) {
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int n = 0; n < 50; ++n) EXPECT_TRUE(host_.nicDown("vmnic0").ok());
