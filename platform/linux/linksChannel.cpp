@@ -199,7 +199,9 @@ void LinksChannel::resync() {
 
 void LinksChannel::giveUp(int status) {
   logOnce("links: receiving fails (" + errnoText(status) + "); the channel is idle from now on");
-  notifications_.reset();  // closing it takes it out of the poll set too
+  // Closing alone would leave it polled where a child process holds a copy.
+  (void)::epoll_ctl(poll_.get(), EPOLL_CTL_DEL, notifications_->fd(), nullptr);
+  notifications_.reset();
 }
 
 void LinksChannel::add(const std::vector<LinkChange>& changes) {

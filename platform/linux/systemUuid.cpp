@@ -34,7 +34,7 @@ std::optional<Uuid> parseUuid(std::string_view text) {
     const auto digit = digitOf(c);
     if (!digit || digits == 2 * kUuidBytes) return std::nullopt;
     std::uint8_t& byte = uuid[digits / 2];
-    byte = static_cast<std::uint8_t>(byte << 4U | *digit);
+    byte = static_cast<std::uint8_t>(unsigned{byte} << 4U | *digit);
     ++digits;
   }
   if (digits != 2 * kUuidBytes) return std::nullopt;

@@ -126,6 +126,13 @@ bool isLinkAdminUp(const std::string& device) {
   return (request.ifr_flags & IFF_UP) != 0;
 }
 
+std::string tapRefusal() {
+  const int fd = ::open("/dev/net/tun", O_RDWR | O_CLOEXEC);
+  if (fd < 0) return why("/dev/net/tun");
+  ::close(fd);
+  return {};
+}
+
 Tap::Tap(const std::string& name) : fd_(::open("/dev/net/tun", O_RDWR | O_CLOEXEC)) {
   if (fd_ < 0) throw std::runtime_error(why("/dev/net/tun"));
   ifreq request{};

@@ -38,6 +38,9 @@ void ip(const std::string& words);
 /// Whether a device of that name is administratively up. Throws where there is none.
 bool isLinkAdminUp(const std::string& device);
 
+/// Why no tap can be made here, such as for want of privileges; empty where one can.
+std::string tapRefusal();
+
 /// A tap device, which is there as long as the object and has the carrier that it is told to have.
 class Tap {
  public:
