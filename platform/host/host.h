@@ -77,6 +77,7 @@ class Host {
 
   /// The channel that feeds kernel context `number`; nullptr where only injection does. A channel
   /// whose source is missing logs that once and is idle. Fails where the context cannot be opened.
+  /// Asked for the user-level context too (KELLIB_ASYNC_CONTEXTS), which no channel feeds.
   virtual Answer<std::unique_ptr<Channel>> openChannel(std::uint32_t number) = 0;
 
   /// An option's value as the host itself gives it, nothing where it gives none: what lies between

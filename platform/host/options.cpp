@@ -12,6 +12,7 @@
 #include "host/files.h"
 #include "host/keyValueLines.h"
 #include "host/paths.h"
+#include "host/storedOptions.h"
 
 namespace platform {
 
@@ -36,9 +37,6 @@ constexpr const char* kStored = "stored";
 constexpr const char* kFromHost = "host";
 constexpr const char* kFromFile = "options.conf";
 constexpr const char* kFromDefaults = "default";
-
-constexpr const char* kCreateTable =
-    "CREATE TABLE IF NOT EXISTS options (name TEXT PRIMARY KEY NOT NULL, value INTEGER NOT NULL) WITHOUT ROWID";
 
 /// Longest name that may be set.
 constexpr std::size_t kNameBytes = 255;
@@ -72,24 +70,6 @@ std::map<std::string, std::int64_t> fileOptions() {
   return options;
 }
 
-/// Calls `visit(name, value)` for each stored option, or only for the one named.
-template <typename Visit>
-Outcome forStored(const std::optional<std::string>& only, const Visit& visit) {
-  Answer<Database> database = Database::openExisting();
-  if (database.outcome.status == ENOENT) return {};
-  if (!database.ok()) return database.outcome;
-  const Answer<bool> used = database.value.hasTable("options");
-  if (!used.ok() || !used.value) return used.outcome;
-  Statement query = database.value.prepare("SELECT name, value FROM options WHERE ?1 IS NULL OR name = ?1");
-  if (only) query.bind(1, *only);
-  while (true) {
-    const Statement::Step step = query.step();
-    if (step == Statement::Step::done) return {};
-    if (step == Statement::Step::failed) return database.value.trouble();
-    visit(query.text(0), query.integer(1));
-  }
-}
-
 Outcome withLog(Outcome outcome) {
   if (!outcome.ok()) logSparsely("stored options", "stored options: " + databasePath() + ": " + reasonOf(outcome));
   return outcome;
@@ -104,10 +84,9 @@ Answer<OptionFacts> readOption(const std::string& name) {
   // The host comes first only to learn whether it makes the reading fail.
   const Answer<std::optional<std::int64_t>> host = currentHost().optionValue(name);
   if (!host.ok()) return {host.outcome, {}};
-  std::optional<std::int64_t> stored;
-  Outcome read = withLog(forStored(name, [&](const std::string&, std::int64_t value) { stored = value; }));
-  if (!read.ok()) return {std::move(read), {}};
-  if (stored) return answer(*stored, kStored);
+  const Answer<std::optional<std::int64_t>> stored = storedOption(name);
+  if (!stored.ok()) return {withLog(stored.outcome), {}};
+  if (stored.value) return answer(*stored.value, kStored);
   if (host.value) return answer(*host.value, kFromHost);
   const auto file = fileOptions();
   if (const auto found = file.find(name); found != file.end()) return answer(found->second, kFromFile);
@@ -119,16 +98,7 @@ Answer<OptionFacts> readOption(const std::string& name) {
 
 Outcome setOption(const std::string& name, std::int64_t value) {
   if (!validName(name)) return {EINVAL, "an option's name has the form GROUP/NAME"};
-  Answer<Database> database = Database::openOrCreate();
-  if (!database.ok()) return withLog(std::move(database.outcome));
-  Outcome stored = withLog(database.value.inTransaction([&] {
-    Outcome outcome = database.value.run(kCreateTable);
-    if (!outcome.ok()) return outcome;
-    Statement insert = database.value.prepare("INSERT OR REPLACE INTO options (name, value) VALUES (?1, ?2)");
-    insert.bind(1, name);
-    insert.bind(2, value);
-    return database.value.finish(insert);
-  }));
+  Outcome stored = withLog(storeOption(name, value));
   if (stored.ok()) currentHost().optionWasSet(name, value);
   return stored;
 }
@@ -146,7 +116,9 @@ std::vector<OptionFacts> listOptions() {
     if (own.ok() && own.value) noter(kFromHost)(name, *own.value);
   }
   // What the store cannot tell is in the log; the rest is still worth showing.
-  (void)withLog(forStored(std::nullopt, noter(kStored)));
+  const auto stored = storedOptions();
+  (void)withLog(stored.outcome);
+  for (const auto& [name, value] : stored.value) noter(kStored)(name, value);
 
   std::vector<OptionFacts> readable;
   for (auto& [name, facts] : known) {

@@ -1,9 +1,12 @@
 #include "host/options.h"
 
 #include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <filesystem>
+#include <thread>
 
 #include "configstore/database.h"
 #include "hostFixture.h"
@@ -91,6 +94,50 @@ TEST_F(Options, ADamagedStoreFailsAndIsMentioned) {
   EXPECT_NE(readOption(kFlapping).outcome.status, 0);
   EXPECT_NE(setOption(kFlapping, 1).status, 0);
   EXPECT_THAT(model_.actions(), IsEmpty());
+}
+
+TEST_F(Options, AStoreThatIsTakenAwayOrReplacedIsNoticed) {
+  ASSERT_TRUE(setOption(kFlapping, 5).ok());
+  EXPECT_EQ(readOption(kFlapping).value.value, 5);
+  std::filesystem::rename(databasePath(), databasePath() + ".old");
+  EXPECT_EQ(readOption(kFlapping).value.origin, "default");
+  ASSERT_TRUE(setOption(kFlapping, 6).ok());
+  EXPECT_EQ(readOption(kFlapping).value.value, 6);
+  std::filesystem::rename(databasePath() + ".old", databasePath());
+  EXPECT_EQ(readOption(kFlapping).value.value, 5);
+}
+
+TEST_F(Options, AValueSetByAnotherProcessIsSeenAtOnce) {
+  ASSERT_TRUE(setOption(kFlapping, 1).ok());
+  for (int value = 2; value < 6; ++value) {
+    EXPECT_EQ(readOption(kFlapping).value.value, value - 1);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    // The child, too, reads with what its parent had open, and writes.
+    if (child == 0) {
+      const bool inherited = readOption(kFlapping).value.value == value - 1;
+      _exit(inherited && setOption(kFlapping, value).ok() && readOption(kFlapping).value.value == value ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    ASSERT_EQ(status, 0);
+    EXPECT_EQ(readOption(kFlapping).value.value, value);
+  }
+}
+
+TEST_F(Options, ThreadsReadWhileOthersWrite) {
+  std::vector<std::thread> threads;
+  threads.reserve(4);
+  for (int i = 0; i < 2; ++i) {
+    threads.emplace_back([] {
+      for (int n = 0; n < 10; ++n) EXPECT_TRUE(setOption(kFlapping, n).ok());
+    });
+    threads.emplace_back([] {
+      for (int n = 0; n < 100; ++n) EXPECT_TRUE(readOption(kFlapping).ok());
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(readOption(kFlapping).value.value, 9);
 }
 
 TEST_F(Options, AnEmptyStoreHasNoValues) {
