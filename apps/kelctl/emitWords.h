@@ -2,12 +2,12 @@
 // send it. Pure functions, for any input.
 #pragma once
 
-#include <compare>
 #include <cstdint>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <variant>
 #include <vector>
 
@@ -23,7 +23,10 @@ struct EmitTarget {
   bool user = false;          ///< the user-level context
   std::uint32_t context = 0;  ///< of the kernel, below kContexts; 0 with `user`
 
-  auto operator<=>(const EmitTarget&) const = default;
+  bool operator==(const EmitTarget&) const = default;
+  bool operator<(const EmitTarget& other) const {
+    return std::tie(user, context) < std::tie(other.user, other.context);
+  }
 };
 
 /// What was asked for by options; what is absent takes its default.
