@@ -26,7 +26,7 @@ constexpr std::size_t kPendingBytes = std::size_t{64} * 1024;
 /// Datagrams that are thrown away after an overrun, before the links are looked at afresh.
 constexpr int kDatagramsDrained = 16384;
 
-void appendRecord(KelEmit::Observation observation, std::deque<std::vector<char>>& records) {
+void appendRecord(const KelEmit::Observation& observation, std::deque<std::vector<char>>& records) {
   std::vector<char> record;
   const int status = KelEmit::appendRecord(observation, record);
   if (status == 0) {

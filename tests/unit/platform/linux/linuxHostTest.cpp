@@ -30,7 +30,7 @@ const Device kNic0{.index = 1, .name = "nic0", .master = 9};
 const Device kNic1{.index = 2, .name = "nic1", .master = 9};
 
 class LinuxHostTest : public testing::Test {
- protected:
+ public:
   LinuxHostTest() {
     std::string pattern = (std::filesystem::temp_directory_path() / "linuxHost-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp");
@@ -46,6 +46,7 @@ class LinuxHostTest : public testing::Test {
     std::filesystem::remove_all(directory_);
   }
 
+ protected:
   void write(const std::string& name, const std::string& text) const {
     const std::filesystem::path path = directory_ + "/" + name;
     std::filesystem::create_directories(path.parent_path());
