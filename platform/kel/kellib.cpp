@@ -129,39 +129,43 @@ class Registry {
  public:
   void add(Channel* source) {
     const std::lock_guard lock(mutex_);
-    sources_[source->fd()] = source;
+    entries_[source->fd()] = {source, nullptr};
   }
 
   void add(std::unique_ptr<Connection> connection) {
     const std::lock_guard lock(mutex_);
-    const int fd = connection->fd.get();
-    sources_[fd] = &connection->reader;
-    connections_[fd] = std::move(connection);
+    Entry& entry = entries_[connection->fd.get()];
+    entry = {&connection->reader, std::move(connection)};
   }
 
   void remove(const Channel* source) {
     const std::lock_guard lock(mutex_);
-    sources_.erase(source->fd());
+    entries_.erase(source->fd());
   }
 
+  /// Gives up a connection; nullptr where `fd` is none.
   std::unique_ptr<Connection> removeConnection(int fd) {
     const std::lock_guard lock(mutex_);
-    const auto node = connections_.extract(fd);
-    if (node.empty()) return nullptr;
-    sources_.erase(fd);
-    return std::move(node.mapped());
+    const auto found = entries_.find(fd);
+    if (found == entries_.end() || found->second.connection == nullptr) return nullptr;
+    std::unique_ptr<Connection> connection = std::move(found->second.connection);
+    entries_.erase(found);
+    return connection;
   }
 
   Channel* find(int fd) {
     const std::lock_guard lock(mutex_);
-    const auto found = sources_.find(fd);
-    return found == sources_.end() ? nullptr : found->second;
+    const auto found = entries_.find(fd);
+    return found == entries_.end() ? nullptr : found->second.source;
   }
 
  private:
+  struct Entry {
+    Channel* source = nullptr;
+    std::unique_ptr<Connection> connection;  ///< owns the source of a connection
+  };
   std::mutex mutex_;
-  std::unordered_map<int, Channel*> sources_;
-  std::unordered_map<int, std::unique_ptr<Connection>> connections_;
+  std::unordered_map<int, Entry> entries_;
 };
 
 Registry& registry() {
@@ -183,10 +187,14 @@ int guarded(Operation operation) {
   }
 }
 
+int statusOf(const platform::Outcome& failure) {
+  return failure.status > 0 ? failure.status : EIO;
+}
+
 /// Has the host's channel feed the context, or, where the host has none, its injection socket.
 int openSource(KelLib_Context& context) {
   auto channel = platform::currentHost().openChannel(context.number);
-  if (!channel.ok()) return channel.outcome.status > 0 ? channel.outcome.status : EIO;
+  if (!channel.ok()) return statusOf(channel.outcome);
   if (channel.value) {
     context.source = std::make_unique<HostChannel>(std::move(channel.value), context.counters);
     return 0;
@@ -197,7 +205,10 @@ int openSource(KelLib_Context& context) {
   return 0;
 }
 
+/// The host may refuse this context as it may refuse the others, but no channel feeds it.
 int openListener(KelLib_Context& context) {
+  const auto channel = platform::currentHost().openChannel(context.number);
+  if (!channel.ok()) return statusOf(channel.outcome);
   if (const int status = context.socket.open(context.name, SOCK_SEQPACKET); status != 0) return status;
   auto listener = std::make_unique<Listener>(context.socket.fd());
   context.listener = listener.get();

@@ -25,25 +25,22 @@ std::size_t wideStringBytes(const char* area, std::size_t areaSize, std::uint64_
 }
 
 /// Bytes that the string of entry `index` takes (0 for a null string and for a number); false where
-/// the type is unknown or the string does not lie in the area.
-bool checkEntry(const char* area, std::size_t areaSize, std::uint32_t index, std::size_t* stringBytes) {
+/// the type is unknown or the string does not lie between the `arrayBytes` of entries and the area's end.
+bool checkEntry(const char* area, std::size_t areaSize, std::size_t arrayBytes, std::uint32_t index,
+                std::size_t* stringBytes) {
   const MsgFmt_Arg entry = MsgFmt_LoadArg(area, index);
   *stringBytes = 0;
-  switch (entry.type) {
-    case MSGFMT_ARG_STRING8: {
-      const char* text = nullptr;
-      if (!MsgFmt_GetSwizzledString(area, index, area + areaSize, &text)) return false;
-      if (text != nullptr) *stringBytes = std::strlen(text) + 1;
-      return true;
-    }
-    case MSGFMT_ARG_STRING16:
-    case MSGFMT_ARG_STRING32:
-      if (entry.value == 0) return true;
-      *stringBytes = wideStringBytes(area, areaSize, entry.value, entry.type == MSGFMT_ARG_STRING16 ? 2 : 4);
-      return *stringBytes != 0;
-    default:
-      return entry.type <= MSGFMT_ARG_STRING32;
+  if (entry.type > MSGFMT_ARG_STRING32) return false;
+  if (entry.type < MSGFMT_ARG_STRING8 || entry.value == 0) return true;
+  if (entry.value < arrayBytes) return false;
+  if (entry.type == MSGFMT_ARG_STRING8) {
+    const char* text = nullptr;
+    if (!MsgFmt_GetSwizzledString(area, index, area + areaSize, &text)) return false;
+    *stringBytes = std::strlen(text) + 1;
+    return true;
   }
+  *stringBytes = wideStringBytes(area, areaSize, entry.value, entry.type == MSGFMT_ARG_STRING16 ? 2 : 4);
+  return *stringBytes != 0;
 }
 
 /// Strings may share bytes, but all together are no longer than the area: thousands of entries on
@@ -53,7 +50,8 @@ bool checkArguments(const char* area, std::size_t areaSize, std::uint32_t count)
   std::size_t room = areaSize;
   for (std::uint32_t index = 0; index < count; ++index) {
     std::size_t stringBytes = 0;
-    if (!checkEntry(area, areaSize, index, &stringBytes) || stringBytes > room) return false;
+    if (!checkEntry(area, areaSize, count * sizeof(MsgFmt_Arg), index, &stringBytes) || stringBytes > room)
+      return false;
     room -= stringBytes;
   }
   return true;

@@ -16,7 +16,7 @@ namespace platform {
 /// Every method may be called from any thread. While the file cannot be read or is no model, every
 /// query and action fails with the reason, and the log mentions it once a minute. What the file does
 /// not say fails with ENOENT, but for what docs/model-host.md gives a default.
-class ModelHost final : public Host {
+class ModelHost : public Host {
  public:
   /// The host described by `file`; a relative path counts from the directory of this moment.
   explicit ModelHost(std::string file);
