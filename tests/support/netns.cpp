@@ -59,6 +59,7 @@ std::string readAll(int fd) {
 
 CommandResult run(const std::vector<std::string>& words) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (const std::string& word : words) arguments.push_back(const_cast<char*>(word.c_str()));
   arguments.push_back(nullptr);
   std::array<int, 2> ends{};

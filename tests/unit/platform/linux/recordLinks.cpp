@@ -10,7 +10,8 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <optional>
+#include <regex>
+#include <stdexcept>
 #include <string>
 
 #include "linkRecording.h"
@@ -86,10 +87,10 @@ struct Scene {
 std::vector<std::string> bridgeOfThree() {
   std::vector<std::string> commands{"link add br0 type bridge", "link set br0 up"};
   for (const std::string n : {"0", "1", "2"}) {
-    commands.push_back("link add nic" + n + " type veth peer name peer" + n);
-    commands.push_back("link set nic" + n + " master br0");
-    commands.push_back("link set nic" + n + " up");
-    commands.push_back("link set peer" + n + " up");
+    for (const std::string command : {"link add nic# type veth peer name peer#", "link set nic# master br0",
+                                      "link set nic# up", "link set peer# up"}) {
+      commands.push_back(std::regex_replace(command, std::regex("#"), n));
+    }
   }
   return commands;
 }
