@@ -75,9 +75,9 @@ constexpr std::string_view eventMessage(std::string_view marked) {
 }
 
 consteval void checkMarked(VProbKind kind, std::string_view marked) {
-  constexpr std::string_view prefixes[] = {"orn.problem.", "orn.audit.", "orn.clear."};
+  constexpr std::string_view kPrefixes[] = {"orn.problem.", "orn.audit.", "orn.clear."};
   if (marked.find(')') == std::string_view::npos || !marked.starts_with(kMarker) ||
-      !marked.substr(kMarker.size()).starts_with(prefixes[static_cast<int>(kind)])) {
+      !marked.substr(kMarker.size()).starts_with(kPrefixes[static_cast<int>(kind)])) {
     event_prefix_does_not_fit_kind();
   }
   if (eventName(marked).size() > kMaxEventName) event_name_longer_than_128();

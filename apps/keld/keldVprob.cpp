@@ -56,8 +56,8 @@ void fillHeader(char* record, const char* prefix, const char* remainder, std::ui
                 const std::array<char, 38>& hostIdentity, std::uint64_t timestampUs) {
   record::store(record, record::kNameLength, length);
   const std::size_t prefixLength = std::strlen(prefix);
-  std::memcpy(record + record::kName, prefix, prefixLength);
-  std::memcpy(record + record::kName + prefixLength, remainder, length - prefixLength);
+  std::string_view(prefix).copy(record + record::kName, prefixLength);
+  std::string_view(remainder).copy(record + record::kName + prefixLength, length - prefixLength);
   record::store(record, record::kArgumentCount, std::uint32_t{0});
   std::memcpy(record + record::kHostIdentity, hostIdentity.data(), hostIdentity.size());
   record::store(record, record::kTotalLength, static_cast<std::uint32_t>(length + record::kHeader));

@@ -120,6 +120,9 @@ struct KelLib_Context {
 namespace {
 
 struct Connection {
+  Connection(UniqueFd accepted, const KelLib_Context& user)
+      : fd(std::move(accepted)), reader(fd.get(), BatchSocket::Kind::connection, user.name, user.counters) {}
+
   UniqueFd fd;
   BatchSocket reader;
 };
@@ -279,8 +282,7 @@ int KelLib_UserContextNewCnx(KelLib_Handle user, int* fd) {
     if (const int status = user->listener->accept(&accepted); status != 0) return status;
     if (const int status = platform::askForCredentials(accepted.get()); status != 0) return status;
     const int connected = accepted.get();
-    registry().add(std::unique_ptr<Connection>(new Connection{
-        std::move(accepted), BatchSocket(connected, BatchSocket::Kind::connection, user->name, user->counters)}));
+    registry().add(std::make_unique<Connection>(std::move(accepted), *user));
     *fd = connected;
     return 0;
   });

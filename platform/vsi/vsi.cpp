@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
-#include <limits>
 #include <new>
 #include <string>
 #include <string_view>
@@ -71,11 +70,8 @@ QK_ReturnStatus getOption(const VSI_ParamList* instance, void* out, std::size_t 
   if (name.empty() || size != sizeof(VSI_IntOption)) return QK_BAD_PARAM;
   const auto option = platform::readOption(name);
   if (!option.ok()) return kernelStatus(option.outcome);
-  if (option.value.value < 0 || option.value.value > std::numeric_limits<std::uint32_t>::max()) {
-    return QK_ERRNO_BASE + ERANGE;
-  }
   VSI_IntOption record{};
-  record.value = static_cast<std::uint32_t>(option.value.value);
+  record.value = option.value.value;
   return give(record, out);
 }
 

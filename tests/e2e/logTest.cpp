@@ -123,7 +123,9 @@ TEST_F(Log, IdentifiersThatOnlyResembleAGroupReachNoCorrelator) {
     EXPECT_EQ(daemon.trace().waitFor("IN", id).rest, ",");
   }
   emitter.send("kel.net.firewall.disabled");
-  EXPECT_EQ(agent.waitForCount(1)[0].name, "orn.audit.net.firewall.disabled");
+  const EventRecord record = agent.waitForCount(1)[0];
+  EXPECT_EQ(record.name, "orn.audit.net.firewall.disabled");
+  log().waitFor(observationLine("netCorrelator", record.timestampUs, record.name, "Firewall has been disabled."));
   EXPECT_EQ(log().count([](const LogLine& line) { return line.text.find("us: [") != std::string::npos; }), 2U);
 }
 

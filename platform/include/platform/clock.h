@@ -24,13 +24,10 @@ class Clock {
   [[nodiscard]] virtual std::chrono::seconds monotonic() const = 0;
   /// Waits with `lock` released until notified or until the host's clock shows `due`, whichever is
   /// first; returns early without reason, too. A corrected clock moves the end of the wait.
-  virtual void waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& changed,
-                         WallSeconds due) = 0;
+  virtual void waitUntil(std::unique_lock<std::mutex>& lock, std::condition_variable& changed, WallSeconds due) = 0;
 
   /// wall() in whole seconds.
-  [[nodiscard]] WallSeconds wallSeconds() const {
-    return std::chrono::floor<std::chrono::seconds>(wall());
-  }
+  [[nodiscard]] WallSeconds wallSeconds() const { return std::chrono::floor<std::chrono::seconds>(wall()); }
 };
 
 /// The clock of this host.

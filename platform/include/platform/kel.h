@@ -58,12 +58,12 @@ std::uint64_t Kel_GetTimestamp(const Kel* observation);
 
 /// What a raw record holds, without making an observation of it.
 struct Kel_RecordView {
-  std::uint64_t timestamp = 0;         ///< microseconds since the epoch
-  const char* id = nullptr;            ///< NUL-terminated, inside the record
-  const char* message = nullptr;       ///< the template, NUL-terminated, inside the record
-  const void* arguments = nullptr;     ///< position-independent argument array (msgfmt.h), unaligned
+  std::uint64_t timestamp = 0;      ///< microseconds since the epoch
+  const char* id = nullptr;         ///< NUL-terminated, inside the record
+  const char* message = nullptr;    ///< the template, NUL-terminated, inside the record
+  const void* arguments = nullptr;  ///< position-independent argument array (msgfmt.h), unaligned
   std::uint32_t argumentCount = 0;
-  const void* end = nullptr;           ///< end of the argument area and of the record
+  const void* end = nullptr;  ///< end of the argument area and of the record
 };
 
 /// Checks the record at `record` (`length` bytes, exactly one record) and stores where its parts

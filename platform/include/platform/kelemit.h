@@ -19,7 +19,7 @@ using Argument = std::variant<std::string, NullText, std::int32_t, std::uint32_t
 /// One observation to be emitted.
 struct Observation {
   std::string id;
-  std::optional<std::string> message;      ///< the kernel's template; the identifier where absent
+  std::optional<std::string> message;  ///< the kernel's template; the identifier where absent
   std::vector<Argument> arguments;
   std::optional<std::uint64_t> timestamp;  ///< microseconds since the epoch; now where absent
 };

@@ -46,8 +46,8 @@ MsgFmt_Arg MsgFmt_LoadArg(const void* array, std::size_t index);
 /// template is malformed; then `*error`, unless `error` is null, is a text to release with free().
 /// Integer conversions of all printf sizes, %c, %p, %s with a precision, floating point and `*`
 /// are understood; %n, %ls and positional arguments are malformed.
-bool MsgFmt_GetArgsWithBuf(const char* format, std::va_list args, void* buffer, std::size_t* size,
-                           std::uint32_t* count, char** error);
+bool MsgFmt_GetArgsWithBuf(const char* format, std::va_list args, void* buffer, std::size_t* size, std::uint32_t* count,
+                           char** error);
 
 /// Formats a local (not swizzled) array by a template into a string to release with free(), with
 /// its length in `*length` unless that is null. A conversion without a fitting entry stays as it
@@ -57,8 +57,8 @@ char* MsgFmt_Asprintf(std::size_t* length, const char* format, const void* array
 
 /// Formats a swizzled array that lies in an area of `areaSize` bytes, as MsgFmt_Asprintf does. An
 /// entry whose string cannot be fetched leaves its conversion as it stands.
-char* MsgFmt_AsprintfSwizzled(std::size_t* length, const char* format, const void* area,
-                              std::size_t areaSize, std::uint32_t count);
+char* MsgFmt_AsprintfSwizzled(std::size_t* length, const char* format, const void* area, std::size_t areaSize,
+                              std::uint32_t count);
 
 /// Turns the string addresses of a local array, all inside the `size` bytes at `buffer` that begin
 /// with the array, into offsets from `buffer`. Returns false, and changes nothing, where an address

@@ -30,8 +30,7 @@ enum VSI_NodeID {
 /// one integer.
 struct VSI_IntOption {
   char reserved[24];
-  std::uint32_t value;  ///< a value that does not fit cannot be read (ERANGE)
-  char reserved2[4];
+  std::int64_t value;
 };
 static_assert(sizeof(VSI_IntOption) == 32);
 
