@@ -2,6 +2,8 @@
 
 #include <cxxabi.h>
 #include <poll.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdint>
@@ -65,13 +67,25 @@ void* agentThread(void* argument) {
   return nullptr;
 }
 
+#if defined(__SANITIZE_THREAD__)
+// The thread sanitizer's own poll would be left in the middle by a cancellation, and the sanitizer
+// would then see none of the locks that the thread takes while it is unwound.
+int waitForInput(pollfd* set, unsigned count) {
+  return static_cast<int>(syscall(SYS_ppoll, set, count, nullptr, nullptr, 0));
+}
+#else
+int waitForInput(pollfd* set, unsigned count) {
+  return poll(set, count, -1);
+}
+#endif
+
 }  // namespace
 
 // Kept free of objects with destructors: a thread that is cancelled at an arbitrary instruction can
 // be unwound only out of frames that have nothing to clean up.
 __attribute__((noinline)) int pollCancellable(pollfd* set, unsigned count) {
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-  const int ready = poll(set, count, -1);
+  const int ready = waitForInput(set, count);
   const int error = errno;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   errno = error;

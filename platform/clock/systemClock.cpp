@@ -19,6 +19,7 @@ class SystemClock final : public Clock {
 }  // namespace
 
 Clock& systemClock() {
-  static SystemClock clock;
+  // Never destroyed: threads that outlive main's statics read it.
+  static auto& clock = *new SystemClock;
   return clock;
 }
