@@ -26,6 +26,7 @@ TEST_F(SelftestAgents, TheFirstTestObservationExercisesPosting) {
   Emitter::toContext(workspace()).send("kel.tests.early");
   const std::vector<EventRecord> records = agent.waitForCount(5);
   std::vector<std::string> names;
+  names.reserve(records.size());
   for (const EventRecord& record : records) names.push_back(record.name);
   EXPECT_EQ(names,
             (std::vector<std::string>{"orn.problem.keldtestcorrelator.test.0", "orn.problem.keldtestcorrelator.test.1d",

@@ -47,5 +47,26 @@ TEST_F(StartStopCycles, ASignalDuringStartUpEndsWithZero) {
   }
 }
 
+TEST_F(StartStopCycles, NothingThatIsSentWhileTheDaemonStartsIsLostToACorrelator) {
+  constexpr std::size_t kCycles = 40;
+  EventReceiver agent(workspace().eventSocket());
+  for (std::size_t cycle = 0; cycle < kCycles; ++cycle) {
+    Daemon daemon(workspace());
+    daemon.start();
+    // As early as somebody can: the loop begins to read once every correlator listens.
+    std::optional<Emitter> emitter;
+    ASSERT_TRUE(eventually([&] {
+      try {
+        emitter.emplace(Emitter::toContext(workspace()));
+      } catch (const HarnessError&) {
+      }
+      return emitter.has_value();
+    }));
+    emitter->send("kel.net.firewall.disabled");
+    agent.waitForCount(cycle + 1);
+    ASSERT_TRUE(daemon.terminate().with(0));
+  }
+}
+
 }  // namespace
 }  // namespace e2e

@@ -110,7 +110,7 @@ TEST_F(Trace, ANewClientGetsTheHistoryThenABlankLineThenLiveLines) {
 TEST_F(Trace, TheHistoryIsTheNewestLinesOf131072BytesAtMost) {
   std::vector<std::string> all;
   std::size_t bytes = 0;
-  for (int n = 0; bytes < 200 * 1024; ++n) {
+  for (int n = 0; bytes < 204'800U; ++n) {
     emitter().send("kel.unheard.history", {s(std::string(static_cast<std::size_t>(n % 97), 'h')), i(n)});
     all.push_back(daemon().trace().nextRaw());
     bytes += all.back().size() + 1;

@@ -26,6 +26,7 @@ std::string uniqueNumber() {
 
 std::vector<char*> pointers(std::vector<std::string>& words) {
   std::vector<char*> result;
+  result.reserve(words.size() + 1);
   for (std::string& word : words) result.push_back(word.data());
   result.push_back(nullptr);
   return result;
@@ -80,7 +81,7 @@ void Program::start() {
   const Descriptor output = capture(outputPath_), error = capture(errorPath_);
   std::vector<std::string> arguments{invokedAs_}, environment;
   arguments.insert(arguments.end(), arguments_.begin(), arguments_.end());
-  for (const auto& [name, value] : environment_) environment.push_back(name + "=" + value);
+  for (const auto& [name, value] : environment_) environment.push_back(std::string(name).append("=").append(value));
   const std::vector<char*> argv = pointers(arguments), envp = pointers(environment);
   pid_ = ::fork();
   if (pid_ < 0) throwErrno("fork");
