@@ -95,7 +95,8 @@ class Host {
   /// Takes the NIC administratively down; audited on a real host.
   virtual Outcome nicDown(const std::string& nic) = 0;
 
-  /// Provoked or real trouble of the configuration store: "store.create" or "store.write".
+  /// Provoked or real trouble of what is kept: "store.create" and "store.write" of the configuration
+  /// store, "option.set" of an option.
   [[nodiscard]] virtual Outcome storeTrouble(const std::string& operation) const = 0;
 };
 

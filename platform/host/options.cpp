@@ -98,6 +98,7 @@ Answer<OptionFacts> readOption(const std::string& name) {
 
 Outcome setOption(const std::string& name, std::int64_t value) {
   if (!validName(name)) return {EINVAL, "an option's name has the form GROUP/NAME"};
+  if (Outcome trouble = currentHost().storeTrouble("option.set"); !trouble.ok()) return trouble;
   Outcome stored = withLog(storeOption(name, value));
   if (stored.ok()) currentHost().optionWasSet(name, value);
   return stored;

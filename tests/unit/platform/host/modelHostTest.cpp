@@ -219,6 +219,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FailureCase{"pageRetire.threshold", asking([](ModelHost& h) { return h.pageRetireThreshold(); })},
                       FailureCase{"store.create", [](ModelHost& h) { return h.storeTrouble("store.create"); }},
                       FailureCase{"store.write", [](ModelHost& h) { return h.storeTrouble("store.write"); }},
+                      FailureCase{"option.set", [](ModelHost& h) { return h.storeTrouble("option.set"); }},
                       FailureCase{"uuid.read", asking([](ModelHost& h) { return h.systemUuid(); })}));
 
 TEST_F(Model, AContextOpensUnlessItsOwnNumberFails) {

@@ -66,6 +66,13 @@ TEST_F(Options, SettingIsAnActionOfTheHost) {
               ElementsAre(R"({"action":"option.set","option":"Net/LinkFlappingThreshold","value":5})"));
 }
 
+TEST_F(Options, ASettingThatFailsChangesNothing) {
+  model_.write(R"({"failures": {"option.set": 5}})");
+  EXPECT_EQ(setOption(kFlapping, 5).status, 5);
+  EXPECT_TRUE(model_.actions().empty());
+  EXPECT_EQ(readOption(kFlapping).value.value, 0);
+}
+
 TEST_F(Options, AnythingOfTheFormGroupAndNameMayBeSet) {
   EXPECT_TRUE(setOption("Disk/Path/Deep", 1).ok());
   EXPECT_EQ(readOption("Disk/Path/Deep").value.value, 1);

@@ -24,13 +24,13 @@ Malformed with(std::string what, std::size_t offset, Number value) {
 
 /// Many entries on one long string: sound one by one, hostile together.
 Bytes manyOnOneString() {
-  constexpr std::uint32_t kCount = 100;
+  constexpr std::size_t kCount = 100;
   const std::vector<KelEmit::Argument> arguments(kCount, KelEmit::NullText{});
   Bytes bytes = support::rawRecord("kel.user.one", arguments, "%s %s");
   bytes.insert(bytes.end(), 1000, 'x');
   bytes.push_back('\0');
   put(bytes, 16, static_cast<std::uint32_t>(bytes.size()));
-  for (std::uint32_t index = 0; index < kCount; ++index) {
+  for (std::size_t index = 0; index < kCount; ++index) {
     put(bytes, kArrayAt + index * 32 + 8, std::uint64_t{kCount * 32});
   }
   return bytes;
