@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -27,6 +28,23 @@ unsigned entryWord(AgentEntry entry) {
   return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(entry));
 }
 
+/// The C library's signal for cancellation (nptl(7)). Sent while cancellation was enabled, it may arrive
+/// after it was disabled again and would then end the thread wherever it is.
+constexpr int kCancellationSignal = 32;
+
+/// A set of signals as the kernel takes it: a bit each, signal 1 the lowest.
+using KernelSignals = std::uint64_t;
+
+/// What the thread blocks besides the signal for cancellation, and whether it blocks that one.
+thread_local KernelSignals ownSignals = 0;
+thread_local bool cancellationHeldOff = false;
+
+// By the bare system call, as the C library keeps its signals out of its own (nptl(7)).
+void holdCancellationOff() {
+  const KernelSignals signals = KernelSignals{1} << (kCancellationSignal - 1);
+  cancellationHeldOff = syscall(SYS_rt_sigprocmask, SIG_BLOCK, &signals, &ownSignals, sizeof signals) == 0;
+}
+
 struct ThreadStart {
   AgentEntry entry;
   AgentContext context;
@@ -43,7 +61,9 @@ class SettleAtEnd {
   AgentStart& start_;
 };
 
-void runAgent(AgentEntry entry, AgentContext& context) {
+// A cancellation is no C++ object: what stands for it in the handler is a null reference by design of the
+// runtime, and not to be reported.
+__attribute__((no_sanitize("null"))) void runAgent(AgentEntry entry, AgentContext& context) {
   try {
     entry(context);
   } catch (const abi::__forced_unwind&) {
@@ -58,6 +78,7 @@ void runAgent(AgentEntry entry, AgentContext& context) {
 void* agentThread(void* argument) {
   // Cancellable only while it waits (pollCancellable), so that no lock dies with the thread.
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
+  holdCancellationOff();
   const std::unique_ptr<ThreadStart> start(static_cast<ThreadStart*>(argument));
   const SettleAtEnd settle(start->context.start);
   if (pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr) != 0) {
@@ -67,25 +88,15 @@ void* agentThread(void* argument) {
   return nullptr;
 }
 
-#if defined(__SANITIZE_THREAD__)
-// The thread sanitizer's own poll would be left in the middle by a cancellation, and the sanitizer
-// would then see none of the locks that the thread takes while it is unwound.
-int waitForInput(pollfd* set, unsigned count) {
-  return static_cast<int>(syscall(SYS_ppoll, set, count, nullptr, nullptr, 0));
-}
-#else
-int waitForInput(pollfd* set, unsigned count) {
-  return poll(set, count, -1);
-}
-#endif
-
 }  // namespace
 
 // Kept free of objects with destructors: a thread that is cancelled at an arbitrary instruction can
-// be unwound only out of frames that have nothing to clean up.
+// be unwound only out of frames that have nothing to clean up. The system call is the bare one, as the
+// signal may come only while the kernel waits, and the thread sanitizer's own would be left in its middle.
 __attribute__((noinline)) int pollCancellable(pollfd* set, unsigned count) {
+  const KernelSignals* whileWaiting = cancellationHeldOff ? &ownSignals : nullptr;
   pthread_setcancelstate(PTHREAD_CANCEL_ENABLE, nullptr);
-  const int ready = waitForInput(set, count);
+  const auto ready = static_cast<int>(syscall(SYS_ppoll, set, count, nullptr, whileWaiting, sizeof(KernelSignals)));
   const int error = errno;
   pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   errno = error;

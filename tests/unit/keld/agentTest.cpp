@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/syscall.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <mutex>
 #include <stdexcept>
@@ -57,6 +60,20 @@ void first(keld::AgentContext& context) {
 void second(keld::AgentContext& context) {
   runUntilStopped(context, "second");
 }
+std::atomic<int> handledLate = 0;
+
+// As a cancellation does that was begun while the agent still waited.
+void cancelledInItsHandler(keld::AgentContext& context) {
+  keld::runCorrelator(context, "first", "first",
+                      [](const Kel* /*kel*/) {
+                        constexpr int kCancellationSignal = 32;
+                        syscall(SYS_tgkill, getpid(), gettid(), kCancellationSignal);
+                        journal().add("handled to the end");
+                        ++handledLate;
+                        handledLate.notify_all();
+                      },
+                      {});
+}
 void throwsException(keld::AgentContext& /*context*/) {
   throw std::runtime_error("out of luck");
 }
@@ -106,6 +123,17 @@ TEST_F(AgentTest, cleanUpIsLoggedWhenAnAgentIsCancelled) {
   agents.start(first);
   agents.stopAll();
   EXPECT_TRUE(scenario.log.has("Done cleaning up agent.\n"));
+}
+
+TEST_F(AgentTest, aCancellationThatArrivesLateWaitsForTheHandlersEnd) {
+  const int before = handledLate;
+  agents.start(cancelledInItsHandler);
+  const auto record = support::rawRecord("kel.first.one");
+  ASSERT_EQ(streams.fanOut(record.data(), record.size()), 0);
+  handledLate.wait(before);
+  agents.stopAll();
+  EXPECT_TRUE(scenario.log.has("Done cleaning up agent.\n"));
+  EXPECT_EQ(journal().take(), (std::vector<std::string>{"handled to the end"}));
 }
 
 TEST_F(AgentTest, theThirtyThirdAgentIsRefused) {

@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "manualTime.h"
 #include "observation.h"
@@ -159,8 +161,13 @@ class TraceServerTest : public testing::Test {
   support::TemporaryDirectory directory;
   std::string path = directory.path() + "/keld-trace.sock";
   support::ManualClock clock;
-  // Never destroyed: client threads are detached.
-  keld::TraceServer* server = new keld::TraceServer(clock);  // NOLINT
+  // Never destroyed, as in the daemon: client threads are detached.
+  static keld::TraceServer* keptServer(Clock& clock) {
+    static auto* const kept = new std::vector<std::unique_ptr<keld::TraceServer>>;
+    return kept->emplace_back(std::make_unique<keld::TraceServer>(clock)).get();
+  }
+
+  keld::TraceServer* server = keptServer(clock);
   int listener = -1;
 };
 
