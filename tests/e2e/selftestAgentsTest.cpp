@@ -47,7 +47,7 @@ TEST_F(SelftestAgents, AnEndMarkerWithoutTestObservationsEndsTheDaemonWithOneFai
   emitter.send("kel.tests.marker.start");
   emitter.send("kel.tests.marker.end");
   const Ending ending = daemon.waitForEnd();
-  EXPECT_TRUE(ending.with(1)) << ending.text();
+  EXPECT_TRUE(ending.with(1)) << ending.text() << daemon.standardError();
   EXPECT_EQ(daemon.standardOutput(),
             "INFO: Testing VProb_PostProblem.\n"
             "INFO: Testing VProb_PostAudit.\n"
