@@ -213,6 +213,9 @@ class Translation {
   }
 
  public:
+// The text of a row is checked while it is compiled.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
   static void handle(Post& post, OnUnreadable how, const Kel* observation) {
     [&]<std::size_t... kN>(std::index_sequence<kN...>) {
       std::tuple values{valueType<argument(kRow.read, kN)>()...};
@@ -227,6 +230,7 @@ class Translation {
     }
     (kArguments);
   }
+#pragma GCC diagnostic pop
 };
 
 /// Registers a handler for every row of a table; `post` must outlive the handlers.

@@ -5,8 +5,10 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <utility>
 
 #include "host/platformLog.h"
@@ -20,8 +22,7 @@ namespace {
 
 struct Message {
   int status = 0;
-  std::size_t length = 0;  ///< true length, also where the buffer was shorter
-  bool cut = false;
+  std::size_t length = 0;  ///< true length, also where the places were shorter
   bool hasCredentials = false;
   BatchSender sender;
 };
@@ -46,13 +47,12 @@ void readControl(msghdr& header, Message& message) {
   }
 }
 
-/// Consumes the message that waits first.
-Message receive(int fd, void* buffer, std::size_t capacity) {
-  iovec place{buffer, capacity};
+/// Consumes the message that waits first, into the places one after the other.
+Message receive(int fd, std::span<iovec> places) {
   alignas(cmsghdr) char control[CMSG_SPACE(sizeof(ucred))];
   msghdr header{};
-  header.msg_iov = &place;
-  header.msg_iovlen = 1;
+  header.msg_iov = places.data();
+  header.msg_iovlen = places.size();
   header.msg_control = control;
   header.msg_controllen = sizeof control;
   ssize_t length = -1;
@@ -65,19 +65,8 @@ Message receive(int fd, void* buffer, std::size_t capacity) {
     return message;
   }
   message.length = static_cast<std::size_t>(length);
-  message.cut = (header.msg_flags & MSG_TRUNC) != 0;
   readControl(header, message);
   return message;
-}
-
-/// Length of the message that waits first, which stays; -1 and errno as recv(2).
-ssize_t waitingLength(int fd) {
-  ssize_t length = -1;
-  char unused = 0;
-  do {
-    length = ::recv(fd, &unused, sizeof unused, MSG_DONTWAIT | MSG_PEEK | MSG_TRUNC);
-  } while (length < 0 && errno == EINTR);
-  return length;
 }
 
 bool isNothingWaiting(int status) {
@@ -87,7 +76,12 @@ bool isNothingWaiting(int status) {
 }  // namespace
 
 BatchSocket::BatchSocket(int fd, Kind kind, std::string name, std::shared_ptr<CounterCells> counters)
-    : fd_(fd), kind_(kind), ownUser_(::geteuid()), name_(std::move(name)), counters_(std::move(counters)) {}
+    : fd_(fd),
+      kind_(kind),
+      ownUser_(::geteuid()),
+      name_(std::move(name)),
+      counters_(std::move(counters)),
+      overflow_(std::make_unique_for_overwrite<char[]>(kBatchLimitBytes)) {}
 
 int BatchSocket::read(void* buffer, std::size_t capacity, std::size_t* length) {
   *length = 0;
@@ -99,23 +93,9 @@ int BatchSocket::read(void* buffer, std::size_t capacity, std::size_t* length) {
 }
 
 BatchSocket::Step BatchSocket::take(void* buffer, std::size_t capacity, std::size_t* length, int* status) {
-  const ssize_t waiting = waitingLength(fd_);
-  if (waiting < 0) {
-    *status = isNothingWaiting(errno) ? 0 : errno;
-    return Step::finished;
-  }
-  const auto size = static_cast<std::size_t>(waiting);
-  // Nobody resets a connection, so what fits no buffer would wait on it for ever.
-  if (kind_ == Kind::connection && size >= kBatchLimitBytes) {
-    *status = dropOversized();
-    return *status == 0 ? Step::dropped : Step::finished;
-  }
-  if (size != 0 && size >= capacity) {
-    *status = KELLIB_ERR_BUFFER_TOO_SMALL;
-    return Step::finished;
-  }
-
-  const Message message = receive(fd_, buffer, capacity);
+  if (kept_) return takeKept(buffer, capacity, length, status);
+  std::array<iovec, 2> places{{{buffer, capacity}, {overflow_.get(), kBatchLimitBytes}}};
+  const Message message = receive(fd_, places);
   if (message.status != 0) {
     *status = isNothingWaiting(message.status) ? 0 : message.status;
     return Step::finished;
@@ -127,12 +107,42 @@ BatchSocket::Step BatchSocket::take(void* buffer, std::size_t capacity, std::siz
     *status = ENOTCONN;
     return Step::finished;
   }
-  if (message.cut) {
-    recordDrop(counters_->malformed, "malformed", message.length, message.sender);
+  // Nobody resets a connection, so what fits no buffer would be kept for ever.
+  if (kind_ == Kind::connection && message.length >= kBatchLimitBytes) {
+    recordDrop(counters_->oversized, "oversized", message.length, message.sender);
     return Step::dropped;
   }
-  const Step step = judge(buffer, message.length, message.sender);
-  if (step == Step::finished) *length = message.length;
+  if (message.length != 0 && message.length >= capacity) {
+    keep(buffer, capacity, message.length, message.sender);
+    *status = KELLIB_ERR_BUFFER_TOO_SMALL;
+    return Step::finished;
+  }
+  return deliver(buffer, message.length, message.sender, length);
+}
+
+/// Joins the two parts of a batch in the overflow; of one that no reader's buffer holds its length is enough.
+void BatchSocket::keep(const void* buffer, std::size_t capacity, std::size_t length, const BatchSender& sender) {
+  if (length <= kBatchLimitBytes) {
+    std::memmove(overflow_.get() + capacity, overflow_.get(), length - capacity);
+    std::memcpy(overflow_.get(), buffer, capacity);
+  }
+  kept_ = Kept{length, sender};
+}
+
+BatchSocket::Step BatchSocket::takeKept(void* buffer, std::size_t capacity, std::size_t* length, int* status) {
+  if (kept_->length >= capacity || kept_->length > kBatchLimitBytes) {
+    *status = KELLIB_ERR_BUFFER_TOO_SMALL;
+    return Step::finished;
+  }
+  const Kept batch = *std::exchange(kept_, std::nullopt);
+  std::memcpy(buffer, overflow_.get(), batch.length);
+  return deliver(buffer, batch.length, batch.sender, length);
+}
+
+BatchSocket::Step BatchSocket::deliver(const void* batch, std::size_t size, const BatchSender& sender,
+                                       std::size_t* length) {
+  const Step step = judge(batch, size, sender);
+  if (step == Step::finished) *length = size;
   return step;
 }
 
@@ -152,16 +162,16 @@ BatchSocket::Step BatchSocket::judge(const void* batch, std::size_t length, cons
   return Step::dropped;
 }
 
-int BatchSocket::dropOversized() {
-  char unused = 0;
-  const Message message = receive(fd_, &unused, sizeof unused);
-  if (message.status != 0) return isNothingWaiting(message.status) ? 0 : message.status;
-  recordDrop(counters_->oversized, "oversized", message.length, message.sender);
-  return 0;
-}
-
 int BatchSocket::reset() {
-  return dropOversized();
+  if (!kept_) {
+    std::array<iovec, 1> nowhere{};
+    const Message message = receive(fd_, nowhere);
+    if (message.status != 0) return isNothingWaiting(message.status) ? 0 : message.status;
+    kept_ = Kept{message.length, message.sender};
+  }
+  const Kept batch = *std::exchange(kept_, std::nullopt);
+  recordDrop(counters_->oversized, "oversized", batch.length, batch.sender);
+  return 0;
 }
 
 void BatchSocket::recordDrop(std::atomic<std::uint64_t>& counter, const char* why, std::size_t length,

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "host/host.h"
@@ -16,7 +17,9 @@ namespace platform {
 
 /// Reads a socket under the rules of KelLib_ReadFromFd: what breaks the rule of a batch or is not
 /// allowed to its sender is consumed, counted and mentioned in the log, and what waits behind it is
-/// looked at. A read is two system calls for each batch and allocates nothing. One thread.
+/// looked at. A read is one system call for each batch and allocates nothing. A batch that the reader's
+/// buffer has no room for is kept here, off the socket, until it is read or reset: a reader that is
+/// answered KELLIB_ERR_BUFFER_TOO_SMALL does either before it waits for input again. One thread.
 class BatchSocket final : public Channel {
  public:
   enum class Kind { injection, connection };
@@ -35,9 +38,16 @@ class BatchSocket final : public Channel {
 
  private:
   enum class Step { finished, dropped };
+  struct Kept {
+    std::size_t length = 0;
+    BatchSender sender;
+  };
+
   Step take(void* buffer, std::size_t capacity, std::size_t* length, int* status);
+  Step takeKept(void* buffer, std::size_t capacity, std::size_t* length, int* status);
+  void keep(const void* buffer, std::size_t capacity, std::size_t length, const BatchSender& sender);
+  Step deliver(const void* batch, std::size_t size, const BatchSender& sender, std::size_t* length);
   Step judge(const void* batch, std::size_t length, const BatchSender& sender);
-  int dropOversized();
   void recordDrop(std::atomic<std::uint64_t>& counter, const char* why, std::size_t length, const BatchSender& sender);
   [[nodiscard]] bool peerIsGone() const;
 
@@ -46,6 +56,8 @@ class BatchSocket final : public Channel {
   uid_t ownUser_;
   std::string name_;
   std::shared_ptr<CounterCells> counters_;
+  std::unique_ptr<char[]> overflow_;  ///< untouched, and so no memory, while batches fit the reader's buffer
+  std::optional<Kept> kept_;
 };
 
 }  // namespace platform
