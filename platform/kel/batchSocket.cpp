@@ -69,6 +69,13 @@ Message receive(int fd, std::span<iovec> places) {
   return message;
 }
 
+/// Where the part of a message goes that the reader's buffer has no room for: one for all the sockets
+/// that a thread reads.
+char* overflow() {
+  thread_local const std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(kBatchLimitBytes);
+  return bytes.get();
+}
+
 bool isNothingWaiting(int status) {
   return status == EAGAIN || status == EWOULDBLOCK;
 }
@@ -76,12 +83,7 @@ bool isNothingWaiting(int status) {
 }  // namespace
 
 BatchSocket::BatchSocket(int fd, Kind kind, std::string name, std::shared_ptr<CounterCells> counters)
-    : fd_(fd),
-      kind_(kind),
-      ownUser_(::geteuid()),
-      name_(std::move(name)),
-      counters_(std::move(counters)),
-      overflow_(std::make_unique_for_overwrite<char[]>(kBatchLimitBytes)) {}
+    : fd_(fd), kind_(kind), ownUser_(::geteuid()), name_(std::move(name)), counters_(std::move(counters)) {}
 
 int BatchSocket::read(void* buffer, std::size_t capacity, std::size_t* length) {
   *length = 0;
@@ -94,7 +96,8 @@ int BatchSocket::read(void* buffer, std::size_t capacity, std::size_t* length) {
 
 BatchSocket::Step BatchSocket::take(void* buffer, std::size_t capacity, std::size_t* length, int* status) {
   if (kept_) return takeKept(buffer, capacity, length, status);
-  std::array<iovec, 2> places{{{buffer, capacity}, {overflow_.get(), kBatchLimitBytes}}};
+  char* const rest = overflow();
+  std::array<iovec, 2> places{{{buffer, capacity}, {rest, kBatchLimitBytes}}};
   const Message message = receive(fd_, places);
   if (message.status != 0) {
     *status = isNothingWaiting(message.status) ? 0 : message.status;
@@ -120,22 +123,22 @@ BatchSocket::Step BatchSocket::take(void* buffer, std::size_t capacity, std::siz
   return deliver(buffer, message.length, message.sender, length);
 }
 
-/// Joins the two parts of a batch in the overflow; of one that no reader's buffer holds its length is enough.
+/// Of a batch that no reader's buffer holds the length is enough.
 void BatchSocket::keep(const void* buffer, std::size_t capacity, std::size_t length, const BatchSender& sender) {
-  if (length <= kBatchLimitBytes) {
-    std::memmove(overflow_.get() + capacity, overflow_.get(), length - capacity);
-    std::memcpy(overflow_.get(), buffer, capacity);
-  }
-  kept_ = Kept{length, sender};
+  kept_ = Kept{length, sender, {}};
+  if (length > kBatchLimitBytes) return;
+  const char* head = static_cast<const char*>(buffer);
+  kept_->bytes.assign(head, head + capacity);
+  kept_->bytes.insert(kept_->bytes.end(), overflow(), overflow() + (length - capacity));
 }
 
 BatchSocket::Step BatchSocket::takeKept(void* buffer, std::size_t capacity, std::size_t* length, int* status) {
-  if (kept_->length >= capacity || kept_->length > kBatchLimitBytes) {
+  if (kept_->length >= capacity || kept_->bytes.empty()) {
     *status = KELLIB_ERR_BUFFER_TOO_SMALL;
     return Step::finished;
   }
   const Kept batch = *std::exchange(kept_, std::nullopt);
-  std::memcpy(buffer, overflow_.get(), batch.length);
+  std::memcpy(buffer, batch.bytes.data(), batch.length);
   return deliver(buffer, batch.length, batch.sender, length);
 }
 
@@ -167,7 +170,7 @@ int BatchSocket::reset() {
     std::array<iovec, 1> nowhere{};
     const Message message = receive(fd_, nowhere);
     if (message.status != 0) return isNothingWaiting(message.status) ? 0 : message.status;
-    kept_ = Kept{message.length, message.sender};
+    kept_ = Kept{message.length, message.sender, {}};
   }
   const Kept batch = *std::exchange(kept_, std::nullopt);
   recordDrop(counters_->oversized, "oversized", batch.length, batch.sender);

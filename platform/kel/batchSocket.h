@@ -8,6 +8,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "host/host.h"
 #include "kel/counters.h"
@@ -17,9 +18,10 @@ namespace platform {
 
 /// Reads a socket under the rules of KelLib_ReadFromFd: what breaks the rule of a batch or is not
 /// allowed to its sender is consumed, counted and mentioned in the log, and what waits behind it is
-/// looked at. A read is one system call for each batch and allocates nothing. A batch that the reader's
-/// buffer has no room for is kept here, off the socket, until it is read or reset: a reader that is
-/// answered KELLIB_ERR_BUFFER_TOO_SMALL does either before it waits for input again. One thread.
+/// looked at. A read is one system call for each batch and allocates nothing for one that fits. A
+/// batch that the reader's buffer has no room for is kept here, off the socket, until it is read or
+/// reset: a reader that is answered KELLIB_ERR_BUFFER_TOO_SMALL does either before it waits for input
+/// again. One thread.
 class BatchSocket final : public Channel {
  public:
   enum class Kind { injection, connection };
@@ -41,6 +43,7 @@ class BatchSocket final : public Channel {
   struct Kept {
     std::size_t length = 0;
     BatchSender sender;
+    std::vector<char> bytes;  ///< empty where it is longer than any reader's buffer
   };
 
   Step take(void* buffer, std::size_t capacity, std::size_t* length, int* status);
@@ -56,7 +59,6 @@ class BatchSocket final : public Channel {
   uid_t ownUser_;
   std::string name_;
   std::shared_ptr<CounterCells> counters_;
-  std::unique_ptr<char[]> overflow_;  ///< untouched, and so no memory, while batches fit the reader's buffer
   std::optional<Kept> kept_;
 };
 
