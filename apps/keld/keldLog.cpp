@@ -26,6 +26,28 @@ struct Freed {
 };
 using CString = std::unique_ptr<char, Freed>;
 
+/// The text of a second, the last of which each thread keeps: a busy daemon asks for the same one over and
+/// over. Returns its length, 0 where it does not fit.
+std::size_t secondsText(std::time_t seconds, char* buffer, std::size_t size) {
+  struct Text {
+    std::time_t seconds = -1;
+    long zone = 0;
+    std::size_t length = 0;
+    char text[kTimestampSize] = {};
+  };
+  thread_local Text last;
+  if (last.length == 0 || last.seconds != seconds || last.zone != timezone) {
+    std::tm local{};
+    if (localtime_r(&seconds, &local) == nullptr) return 0;
+    last.length = std::strftime(last.text, sizeof last.text, "%Y-%m-%dT%H:%M:%SZ: ", &local);
+    last.seconds = seconds;
+    last.zone = timezone;
+  }
+  if (last.length == 0 || last.length >= size) return 0;
+  std::memcpy(buffer, last.text, last.length + 1);
+  return last.length;
+}
+
 void sinkLine(LogSink& sink, const char* format, std::va_list args) {
   char* text = nullptr;
   if (vasprintf(&text, format, args) < 0) return;
@@ -69,10 +91,7 @@ std::size_t makeTimestamp(WallTime moment, bool milliseconds, char* buffer, std:
   // The letter Z, the colon and the blank, which milliseconds push to the right.
   constexpr std::size_t kTail = 3;
   const auto second = std::chrono::floor<std::chrono::seconds>(moment);
-  const std::time_t seconds = second.time_since_epoch().count();
-  std::tm local{};
-  if (localtime_r(&seconds, &local) == nullptr) return 0;
-  const std::size_t length = std::strftime(buffer, size, "%Y-%m-%dT%H:%M:%SZ: ", &local);
+  const std::size_t length = secondsText(second.time_since_epoch().count(), buffer, size);
   if (!milliseconds || length < kTail) return length;
   const auto millis = std::chrono::floor<std::chrono::milliseconds>(moment - second).count();
   const std::size_t room = size - (length - kTail);

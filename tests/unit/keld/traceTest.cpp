@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -63,6 +64,30 @@ TEST(TraceLineTest, aMissingStringIsShownAsNull) {
 
 TEST(TraceLineTest, aFloatingPointArgumentIsUnknownAndTheNextStillAppear) {
   EXPECT_EQ(render(rawRecord("kel.a", {d(0.5), i(3)})), "1767225600.000000042,IN,1767225600000000,kel.a,,???,3\n");
+}
+
+TEST(TraceLineTest, theDocumentsWorkedExampleIsWhatIsRendered) {
+  std::ifstream file(KELD_FORMATS_DIRECTORY "/trace-line.md");
+  std::string line;
+  while (std::getline(file, line) && line != "```csv") {
+  }
+  std::string in, out;
+  ASSERT_TRUE(std::getline(file, in) && std::getline(file, out));
+
+  constexpr std::uint64_t kStamp = 1'767'225'599'999'999;
+  const auto asShown = [](const std::vector<char>& record, const char* direction) {
+    Kel_RecordView view;
+    EXPECT_TRUE(Kel_ViewRecord(record.data(), record.size(), &view));
+    std::string rendered;
+    keld::renderTraceLine(rendered, kRendered, direction, kStamp, view.id, view.arguments, view.argumentCount,
+                          view.end);
+    return rendered;
+  };
+  EXPECT_EQ(asShown(rawRecord("kel.net.pg.uplink.transition.down", {s("nic0"), s("Production"), i(1), i(2)}), "IN"),
+            in + '\n');
+  EXPECT_EQ(
+      asShown(rawRecord("orn.problem.net.redundancy.lost", {s("switch0"), s("nic0"), s("\"Production\"")}), "OUT"),
+      out + '\n');
 }
 
 std::string area(std::initializer_list<MsgFmt_Arg> entries) {
