@@ -11,6 +11,7 @@
 
 #include "keldLog.h"
 #include "keldOptions.h"
+#include "platform/runfile.h"
 #include "platform/vsi.h"
 
 namespace keld {
@@ -36,6 +37,12 @@ void handleSignal(int signal) {
 std::string runPath(const char* name) {
   const char* directory = std::getenv("KORVEL_RUN_DIR");
   return std::string(directory != nullptr && *directory != '\0' ? directory : kDefaultRunDirectory) + '/' + name;
+}
+
+int listenForTraceClients(const std::string& path) {
+  const int fd = TraceServer::Trace_Listen(path.c_str());
+  if (fd >= 0) RunFile_ShareSocket(path.c_str());
+  return fd;
 }
 
 /// Blocks the handled signals in this thread, and so in all that it will start, but for the mask
@@ -145,7 +152,7 @@ int Daemon::startUp() {
   }
   if (!poll_.allocateFixed()) return 1;
   if (const int error = openContexts(); error != 0) return error;
-  poll_.watch(PollSet::kTraceSlot, TraceServer::Trace_Listen(runPath("keld-trace.sock").c_str()));
+  poll_.watch(PollSet::kTraceSlot, listenForTraceClients(runPath("keld-trace.sock")));
   if (const int error = streams_.initialise(); error != 0) return error;
   start_(agents_, withTestAgents_);
   if (!buffer_.allocate()) {

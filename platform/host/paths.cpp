@@ -7,11 +7,14 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <exception>
 #include <filesystem>
 
 #include "host/complaints.h"
 #include "host/files.h"
 #include "host/keyValueLines.h"
+#include "host/platformLog.h"
+#include "platform/runfile.h"
 
 namespace platform {
 
@@ -135,4 +138,18 @@ int applyAccess(const std::string& path, bool directory) {
   return setMode(path, directory ? kSharedDirectory : kSharedSocket);
 }
 
+void shareWithGroup(const std::string& path, bool directory) {
+  if (const int status = applyAccess(path, directory); status != 0) {
+    platformLog("%s: access stays the owner's: %s", path.c_str(), errnoText(status).c_str());
+  }
+}
+
 }  // namespace platform
+
+void RunFile_ShareSocket(const char* path) {
+  try {
+    platform::shareWithGroup(path, false);
+  } catch (const std::exception& trouble) {
+    platform::platformLog("%s: access stays the owner's: %s", path, trouble.what());
+  }
+}

@@ -6,7 +6,6 @@
 
 #include "host/files.h"
 #include "host/paths.h"
-#include "host/platformLog.h"
 #include "kel/localAddress.h"
 #include "platform/kellib.h"
 
@@ -20,13 +19,6 @@ constexpr int kListenBacklog = 16;
 
 std::string contextDirectory() {
   return runDirectory() + "/kel";
-}
-
-/// Trouble in giving a group access leaves the owner alone with it, which is no reason to stop.
-void shareWithGroup(const std::string& path, bool directory) {
-  if (const int status = applyAccess(path, directory); status != 0) {
-    platformLog("%s: access stays the owner's: %s", path.c_str(), errnoText(status).c_str());
-  }
 }
 
 int makeContextDirectory() {

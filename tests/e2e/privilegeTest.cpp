@@ -96,6 +96,13 @@ TEST_F(Privilege, AForeignUserOfTheAdmittedGroupCannotInjectIntoAKernelContext) 
   EXPECT_TRUE(settle(daemon, Emitter::toContext(workspace())).empty());
 }
 
+TEST_F(Privilege, AForeignUserOfTheAdmittedGroupMayWatchTheTrace) {
+  if (!admitForeigners()) GTEST_SKIP() << "group " << kForeignId << " has no name";
+  Daemon daemon(workspace());
+  daemon.startAndServe();
+  EXPECT_EQ(sendAsForeigner(SOCK_STREAM, workspace().traceSocket(), {}), 0);
+}
+
 TEST_F(Privilege, AForeignUserOfNoAdmittedGroupIsRefused) {
   Daemon daemon(workspace());
   daemon.startAndServe();

@@ -105,6 +105,23 @@ TEST_F(StreamTest, everyMatchingStreamGetsTheWholeRecord) {
   for (const Stream* stream : {&older, &newer, &other}) EXPECT_EQ(next(*stream), "");
 }
 
+TEST_F(StreamTest, theOlderStreamIsServedFirst) {
+  const Stream older = open(group("net"));
+  const Stream newer = open(group("net"));
+  // More than a pipe holds, so that the writer is in the middle of it as long as nobody reads.
+  const auto record = rawRecord("kel.net.a", {support::s(std::string(200'000, 'x'))});
+  std::thread writer([&] { EXPECT_EQ(fanOut(record), 0); });
+  pollfd first{older->readFd(), POLLIN, 0};
+  EXPECT_EQ(poll(&first, 1, 30'000), 1);
+  EXPECT_FALSE(readable(newer));
+  for (const Stream* stream : {&older, &newer}) {
+    Kel* kel = nullptr;
+    for (bool complete = false; !complete;) ASSERT_EQ((*stream)->read(&kel, &complete), 0);
+    Kel_Free(kel);
+  }
+  writer.join();
+}
+
 TEST_F(StreamTest, aClosedStreamGetsNothingMore) {
   Stream gone = open(group("net"));
   const Stream stays = open(group("net"));
