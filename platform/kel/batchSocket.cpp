@@ -72,8 +72,8 @@ Message receive(int fd, std::span<iovec> places) {
 /// Where the part of a message goes that the reader's buffer has no room for: one for all the sockets
 /// that a thread reads.
 char* overflow() {
-  thread_local const std::unique_ptr<char[]> bytes = std::make_unique_for_overwrite<char[]>(kBatchLimitBytes);
-  return bytes.get();
+  thread_local std::vector<char> bytes(kBatchLimitBytes);
+  return bytes.data();
 }
 
 bool isNothingWaiting(int status) {
