@@ -6,6 +6,7 @@
 #include <ctime>
 #include <filesystem>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "platform/kelemit.h"
@@ -193,7 +194,14 @@ void measureMemory() {
 
 }  // namespace
 
-int main(int /*argc*/, char** argv) {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    const bool help = std::string_view(argv[1]) == "--help";
+    std::fprintf(help ? stdout : stderr,
+                 "Usage: %s\nMeasures keld beside a floor program through their sockets, in about two minutes.\n",
+                 argv[0]);
+    return help ? 0 : 1;
+  }
   programs = std::filesystem::path(argv[0]).parent_path().string();
   if (programs.empty()) programs = ".";
   if (!bench::privateSystemLog()) {
@@ -209,6 +217,7 @@ int main(int /*argc*/, char** argv) {
        {net, "kel.bench1.x.marker", "kel.bench2.x.marker", "kel.bench3.x.marker", "kel.bench4.x.marker"},
        true},
   };
+  std::printf("medians of %d runs each; again with: sudo %s\n\n", kRuns, argv[0]);
   std::printf("%-34s %5s %12s %12s %10s\n", "records of 200 bytes, 24 contexts", "batch", "keld /s", "floor /s",
               "of floor");
   for (const Load& load : loads) {
