@@ -24,6 +24,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
+#include <memory>
 #include <optional>
 #include <utility>
 
@@ -307,7 +309,11 @@ void NetCorrelator::expire() {
         next = std::min(next.value_or(left), left);
         ++record;
       } else {
-        handleDue(record->flag, nic->first);
+        try {
+          handleDue(record->flag, nic->first);
+        } catch (const std::exception&) {
+          // A report that fails, for want of memory, is dropped as a handler's would be; the others are not.
+        }
         record = records.erase(record);
       }
     }
@@ -481,19 +487,20 @@ void NetCorrelator::reportDvPortsUp(const std::string& nic) {
 namespace {
 
 void runNet(AgentContext& context) {
-  std::array<int, 2> wakeup{-1, -1};
-  NetCorrelator correlator(context.services, [&wakeup] {
+  // The timer may still fire once this thread has ended: the pipe is its as well.
+  const auto wakeup = std::make_shared<std::array<int, 2>>(std::array{-1, -1});
+  NetCorrelator correlator(context.services, [wakeup] {
     static constexpr char kWake[] = "foo";
-    while (write(wakeup[1], kWake, sizeof kWake) < 0 && errno == EINTR) {
+    while (write((*wakeup)[1], kWake, sizeof kWake) < 0 && errno == EINTR) {
     }
   });
   if (!correlator.valid()) return;
-  if (pipe2(wakeup.data(), O_CLOEXEC) != 0) {
+  if (pipe2(wakeup->data(), O_CLOEXEC) != 0) {
     Panic("Failed to initialize pipes for this thread: %s\n", std::strerror(errno));
   }
   runCorrelatorWithWakeup(
       context, kNetCorrelator.nameWord, kNetCorrelator.groups[0], ignoreObservation, correlator.handlers(),
-      [&correlator] { correlator.expire(); }, std::span(&wakeup[0], 1));
+      [&correlator] { correlator.expire(); }, std::span(wakeup->data(), 1));
 }
 
 constexpr const char* kGroups[] = {"net"};

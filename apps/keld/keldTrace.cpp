@@ -1,5 +1,6 @@
 #include "keldTrace.h"
 
+#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -79,6 +80,20 @@ struct TraceServer::Start {
   int fd;
 };
 
+namespace {
+
+int openSpare() {
+  return open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+}  // namespace
+
+TraceServer::TraceServer(Clock& clock) : clock_(clock), spare_(openSpare()) {}
+
+TraceServer::~TraceServer() {
+  if (spare_ >= 0) close(spare_);
+}
+
 int TraceServer::Trace_Listen(const char* path) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
@@ -105,7 +120,9 @@ int TraceServer::Trace_Listen(const char* path) {
 void TraceServer::Trace_Accept(int listener) {
   const int fd = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);
   if (fd < 0) {
-    Log("Trace accept() failed: %s", std::strerror(errno));
+    const int error = errno;
+    Log("Trace accept() failed: %s", std::strerror(error));
+    if (error == EMFILE || error == ENFILE) turnAway(listener);
     return;
   }
   auto start = std::make_unique<Start>(Start{this, fd});
@@ -117,6 +134,12 @@ void TraceServer::Trace_Accept(int listener) {
   }
   static_cast<void>(start.release());
   pthread_detach(thread);
+}
+
+void TraceServer::turnAway(int listener) {
+  if (spare_ >= 0) close(spare_);
+  if (const int client = accept4(listener, nullptr, nullptr, SOCK_CLOEXEC); client >= 0) close(client);
+  spare_ = openSpare();
 }
 
 void* TraceServer::clientThread(void* start) {

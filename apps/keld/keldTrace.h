@@ -48,15 +48,16 @@ void renderTraceLine(std::string& line, WallTime renderedAt, const char* directi
 /// thread; the object must outlive the process's threads.
 class TraceServer {
  public:
-  explicit TraceServer(Clock& clock) : clock_(clock) {}
+  explicit TraceServer(Clock& clock);
   TraceServer(const TraceServer&) = delete;
   TraceServer& operator=(const TraceServer&) = delete;
-  ~TraceServer() = default;
+  ~TraceServer();
 
   /// Makes the listening socket at `path`. Returns its descriptor, which is the caller's, or -1
   /// with errno set: ENAMETOOLONG for 108 characters and more.
   static int Trace_Listen(const char* path);
-  /// Accepts one client and starts its threads; failures are logged.
+  /// Accepts one client and starts its threads; failures are logged. One thread. A client for which
+  /// there is no descriptor is turned away: in the queue it would keep the listener readable.
   void Trace_Accept(int listener);
   /// Appends a line, line feed included, to the history and to every client.
   void Trace_AddLine(std::string_view line);
@@ -78,11 +79,13 @@ class TraceServer {
 
   static void* clientThread(void* start);
   static void* writerThread(void* start);
+  void turnAway(int listener);
   void serve(int fd);
   void write(int fd);
   void stopWriting(int fd);
 
   Clock& clock_;
+  int spare_;  ///< given up to turn a client away; the accepting thread's
   std::mutex mutex_;
   std::condition_variable changed_;
   TraceHistory history_;           // guarded by mutex_

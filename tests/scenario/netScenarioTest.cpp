@@ -193,6 +193,14 @@ TEST_F(NetScenario, connectivityComesBackWithOneUplinkAndRedundancyWithTwo) {
   EXPECT_EQ(after(2s), Events{redundancyRestored("\"sw0\"", "\"A\"", "nic1")});
 }
 
+TEST_F(NetScenario, aDvPortsConnectivityComesBackWithItsLabel) {
+  dvDown("nic0", "p1", 0);
+  driver.pass(2s);
+  driver.events();
+  dvUp("nic0", "p1", 1);
+  EXPECT_EQ(after(2s), Events{dvConnectivityRestored("\"dvs/p1\"", "nic0")});
+}
+
 TEST_F(NetScenario, countsBelowOneRestoreNothing) {
   pgUp("nic0", "A", 0);
   pgUp("nic0", "A", -3);
@@ -289,6 +297,22 @@ TEST_F(NetScenario, downAndUpInsideTheWatchdogWindowGiveExactlyOneReset) {
   // All flags are 0 again: the NIC reports as usual.
   pgDown("nic0", "A", 1);
   EXPECT_EQ(after(2s), Events{redundancyLost("nic0", "\"A\"")});
+}
+
+TEST_F(NetScenario, aResetDropsThePortGroupUpEntry) {
+  watchdog("nic0");
+  pgDown("nic0", "A", 0);
+  pgUp("nic0", "A", 1);
+  EXPECT_EQ(after(7s), Events{watchdogReset("nic0")});
+  // An entry that stayed would keep this one from scheduling a record.
+  pgUp("nic0", "B", 2);
+  EXPECT_EQ(after(2s), Events{redundancyRestored("\"sw0\"", "\"B\"", "nic0")});
+}
+
+TEST_F(NetScenario, aDvPortUpIsHeldBackWhileTheWatchdogIsSet) {
+  watchdog("nic0");
+  dvUp("nic0", "p1", 2);
+  EXPECT_EQ(after(60s), Events{});
 }
 
 TEST_F(NetScenario, aDownWithoutAnUpIsReportedAtTheWatchdogsSecondAndThenTheNicStaysSilentUntilAReset) {

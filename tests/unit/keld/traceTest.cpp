@@ -3,14 +3,17 @@
 #include <gtest/gtest.h>
 
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <memory>
 #include <string>
@@ -238,6 +241,64 @@ TEST_F(TraceServerTest, aClientThatLeavesIsForgottenWithoutALogLine) {
   EXPECT_EQ(receive(stays, 5), "line\n");
   close(stays);
   EXPECT_TRUE(log.take().empty());
+}
+
+TEST_F(TraceServerTest, aClientThatReadsNoMoreEndsItsWriterWithoutALogLineAndOthersAreServed) {
+  support::RecordingLog log;
+  const auto waitForWriters = [](int wanted) {
+    const auto deadline = std::chrono::steady_clock::now() + 30s;
+    int count = -1;
+    while (count != wanted && std::chrono::steady_clock::now() < deadline) {
+      count = 0;
+      for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+        std::string name;
+        std::ifstream file(task.path() / "comm");
+        if (std::getline(file, name) && name == "trace-writer") ++count;
+      }
+    }
+    return count == wanted;
+  };
+  const int stays = connectClient();
+  const int leaves = connectClient();
+  EXPECT_EQ(receive(stays, 1), "\n");
+  EXPECT_EQ(receive(leaves, 1), "\n");
+  ASSERT_TRUE(waitForWriters(2));
+  ASSERT_EQ(shutdown(leaves, SHUT_RD), 0);
+  server->Trace_AddLine("line\n");
+  EXPECT_TRUE(waitForWriters(1));
+  EXPECT_EQ(receive(stays, 5), "line\n");
+  EXPECT_TRUE(log.take().empty());
+  close(leaves);
+  close(stays);
+}
+
+TEST_F(TraceServerTest, aClientIsTurnedAwayWithALogLineWhenDescriptorsHaveRunOut) {
+  support::RecordingLog log;
+  const int client = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  path.copy(address.sun_path, sizeof address.sun_path - 1);
+  ASSERT_EQ(connect(client, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  rlimit before{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+  // The lowest free number is the next one to be given.
+  const int next = dup(client);
+  ASSERT_GE(next, 0);
+  close(next);
+  rlimit none = before;
+  none.rlim_cur = static_cast<rlim_t>(next);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  server->Trace_Accept(listener);
+  pollfd queue{listener, POLLIN, 0};
+  const int waiting = poll(&queue, 1, 0);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+  EXPECT_EQ(waiting, 0) << "the listener would keep the main loop busy";
+  EXPECT_EQ(log.take(), std::vector<std::string>{"Trace accept() failed: Too many open files"});
+  EXPECT_EQ(receive(client, 1), "");
+  close(client);
+  const int another = connectClient();
+  EXPECT_EQ(receive(another, 1), "\n");
+  close(another);
 }
 
 TEST_F(TraceServerTest, theSocketIsTheOwnersOnly) {
