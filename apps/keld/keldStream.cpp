@@ -151,7 +151,10 @@ void StreamList::lockWhileDraining(const ObservationStream& stream) {
   for (int error = pthread_mutex_trylock(&mutex_); error != 0; error = pthread_mutex_trylock(&mutex_)) {
     if (error != EBUSY) Panic("Failed to acquire stream lock: %s\n", std::strerror(error));
     pollfd readable{stream.readFd_, POLLIN, 0};
-    if (poll(&readable, 1, kDrainPollMilliseconds) > 0 && read(stream.readFd_, discarded, sizeof discarded) < 0) break;
+    if (poll(&readable, 1, kDrainPollMilliseconds) > 0 && read(stream.readFd_, discarded, sizeof discarded) < 0 &&
+        errno != EINTR) {
+      return lock();
+    }
   }
 }
 

@@ -311,13 +311,15 @@ constexpr const char* kGroups[] = {"tests"};
 
 void runTests(AgentContext& context) {
   // Leaves at once and without destructors, which other threads could still need.
-  TestCorrelator correlator(context.services, {[](const std::string& text) { std::fputs(text.c_str(), stdout); },
-                                               [](int status) {
-                                                 std::fflush(stdout);
-                                                 _exit(status);
-                                               }});
+  const SelfTestOutcome outcome{[](const std::string& text) { std::fputs(text.c_str(), stdout); },
+                                [](int status) {
+                                  std::fflush(stdout);
+                                  _exit(status);
+                                }};
+  // Never destroyed: its alarm may still run once this thread has ended.
+  static auto& correlator = *new TestCorrelator(context.services, outcome);
   runCorrelator(context, kTestCorrelator.nameWord, kTestCorrelator.groups[0],
-                [&correlator](const Kel* observation) { correlator.handle(observation); }, {});
+                [](const Kel* observation) { correlator.handle(observation); }, {});
 }
 
 }  // namespace

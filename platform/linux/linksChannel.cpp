@@ -132,8 +132,10 @@ int LinksChannel::read(void* buffer, std::size_t capacity, std::size_t* length) 
 }
 
 int LinksChannel::reset() {
-  pending_.clear();
-  pendingBytes_ = 0;
+  if (!pending_.empty()) {
+    pendingBytes_ -= pending_.front().size();
+    pending_.pop_front();
+  }
   signalRest();
   return 0;
 }
