@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -53,6 +54,20 @@ struct VmIdentity {
   std::string name;
 };
 
+/// A storage device: the state of its paths (0: not told, 1: none usable, 2: one, 3: more), whether it
+/// is a disk, and the numbers of its partitions in their order.
+struct StorageDevice {
+  std::optional<std::int64_t> redundancyState;
+  bool disk = false;
+  std::vector<std::uint32_t> partitions;
+};
+
+/// Counts of processor cores and of logical processors.
+struct CpuCounts {
+  std::uint32_t cores = 0;
+  std::uint32_t pcpus = 0;
+};
+
 struct PortGroupFacts {
   std::string name;
   std::string virtualSwitch;
@@ -92,8 +107,47 @@ class Host {
   [[nodiscard]] virtual Answer<std::vector<PortGroupFacts>> portGroups() const = 0;
   [[nodiscard]] virtual Answer<std::string> vmNameOfGroup(std::int64_t groupId) const = 0;
 
-  /// Takes the NIC administratively down; audited on a real host.
+  /// The device that a storage path leads to. ENOENT where there is no such path.
+  [[nodiscard]] virtual Answer<std::string> deviceOfPath(const std::string& path) const = 0;
+  [[nodiscard]] virtual Answer<StorageDevice> storageDevice(const std::string& name) const = 0;
+  /// Every path and the device it leads to, by path; every device, by name.
+  [[nodiscard]] virtual Answer<std::map<std::string, std::string>> storagePaths() const = 0;
+  [[nodiscard]] virtual Answer<std::map<std::string, StorageDevice>> storageDevices() const = 0;
+  /// Whether volumes can be asked for at all.
+  [[nodiscard]] virtual Outcome openVolumes() const = 0;
+  /// The volume on a partition. ENOENT where there is none.
+  [[nodiscard]] virtual Answer<std::string> volumeOfPartition(const std::string& device,
+                                                              std::uint32_t number) const = 0;
+  /// A path of a file system in the form that names its datastore. ENOENT where no form is known.
+  [[nodiscard]] virtual Answer<std::string> datastorePath(const std::string& path) const = 0;
+
+  [[nodiscard]] virtual Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const = 0;
+  [[nodiscard]] virtual Answer<std::string> vmName(std::int64_t worldId) const = 0;
+  [[nodiscard]] virtual Answer<std::vector<VmIdentity>> vms() const = 0;
+
+  [[nodiscard]] virtual Answer<CpuCounts> cpuCounts() const = 0;
+  /// The processors' vendor, such as "GenuineIntel".
+  [[nodiscard]] virtual Answer<std::string> cpuVendor() const = 0;
+  /// Whether processors may be taken offline.
+  [[nodiscard]] virtual Answer<bool> cpuOfflineEnabled() const = 0;
+
+  /// How many pages may be selected for retirement before that is worth a report.
+  [[nodiscard]] virtual Answer<std::uint64_t> pageRetireThreshold() const = 0;
+  /// The low 16 bits are not 0 where the page (a page number) is retired or about to be.
+  [[nodiscard]] virtual Answer<std::uint32_t> pageStatus(std::uint64_t page) const = 0;
+
+  // Actions; on a real host each is written to the audit trail before it is done.
+
+  /// Takes the NIC administratively down.
   virtual Outcome nicDown(const std::string& nic) = 0;
+  /// Takes a logical processor offline.
+  virtual Outcome cpuOffline(std::int64_t cpu) = 0;
+  /// Asks for the retirement of `count` pages from page number `page` on; `mode` is "NiceRetire".
+  virtual Outcome pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode) = 0;
+  /// Ends a virtual machine. ESRCH where none has that world id.
+  virtual Outcome vmKill(std::int64_t worldId) = 0;
+  /// Places system swap anew.
+  virtual Outcome swapReconfigure() = 0;
 
   /// Provoked or real trouble of what is kept: "store.create" and "store.write" of the configuration
   /// store, "option.set" of an option.

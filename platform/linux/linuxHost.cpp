@@ -19,6 +19,11 @@ namespace platform {
 
 namespace {
 
+/// For what this machine is not asked for yet.
+Outcome notAvailable() {
+  return {ENOTSUP, "not available on this host"};
+}
+
 class LinuxHost final : public Host {
  public:
   LinuxHost(LinuxRoots roots, std::shared_ptr<Netlink> netlink)
@@ -34,7 +39,32 @@ class LinuxHost final : public Host {
   [[nodiscard]] Answer<PortGroupFacts> portGroup(const std::string& name) const override;
   [[nodiscard]] Answer<std::vector<PortGroupFacts>> portGroups() const override;
   [[nodiscard]] Answer<std::string> vmNameOfGroup(std::int64_t groupId) const override;
+  [[nodiscard]] Answer<std::string> deviceOfPath(const std::string&) const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<StorageDevice> storageDevice(const std::string&) const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::map<std::string, std::string>> storagePaths() const override {
+    return {notAvailable(), {}};
+  }
+  [[nodiscard]] Answer<std::map<std::string, StorageDevice>> storageDevices() const override {
+    return {notAvailable(), {}};
+  }
+  [[nodiscard]] Outcome openVolumes() const override { return notAvailable(); }
+  [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string&, std::uint32_t) const override {
+    return {notAvailable(), {}};
+  }
+  [[nodiscard]] Answer<std::string> datastorePath(const std::string&) const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<VmIdentity> vmByWorldId(std::int64_t) const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::string> vmName(std::int64_t) const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::vector<VmIdentity>> vms() const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<CpuCounts> cpuCounts() const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::string> cpuVendor() const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<bool> cpuOfflineEnabled() const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::uint64_t> pageRetireThreshold() const override { return {notAvailable(), {}}; }
+  [[nodiscard]] Answer<std::uint32_t> pageStatus(std::uint64_t) const override { return {notAvailable(), {}}; }
   Outcome nicDown(const std::string& nic) override;
+  Outcome cpuOffline(std::int64_t) override { return notAvailable(); }
+  Outcome pageRetire(std::uint64_t, std::int64_t, const std::string&) override { return notAvailable(); }
+  Outcome vmKill(std::int64_t) override { return notAvailable(); }
+  Outcome swapReconfigure() override { return notAvailable(); }
   [[nodiscard]] Outcome storeTrouble(const std::string& operation) const override;
 
  private:

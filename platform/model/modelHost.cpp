@@ -47,6 +47,12 @@ Answer<VmIdentity> firstVm(const ModelFile& model, std::int64_t VmIdentity::*id,
   return {{ESRCH, "the model has no such VM"}, {}};
 }
 
+StorageDevice factsOf(const ModelDevice& device) {
+  StorageDevice facts{device.redundancyState, device.disk, {}};
+  for (const ModelPartition& partition : device.partitions) facts.partitions.push_back(partition.number);
+  return facts;
+}
+
 Answer<std::string> nameOf(Answer<VmIdentity> vm) {
   return {std::move(vm.outcome), std::move(vm.value.name)};
 }
@@ -152,9 +158,25 @@ Answer<std::string> ModelHost::deviceOfPath(const std::string& path) const {
                             [&](const ModelFile& model) { return valueOf(model.paths, path, "storage path"); });
 }
 
-Answer<ModelDevice> ModelHost::device(const std::string& name) const {
-  return query<ModelDevice>("device.lookup",
-                            [&](const ModelFile& model) { return valueOf(model.devices, name, "storage device"); });
+Answer<StorageDevice> ModelHost::storageDevice(const std::string& name) const {
+  return query<StorageDevice>("device.lookup", [&](const ModelFile& model) {
+    Answer<ModelDevice> device = valueOf(model.devices, name, "storage device");
+    return Answer<StorageDevice>{std::move(device.outcome), factsOf(device.value)};
+  });
+}
+
+Answer<std::map<std::string, std::string>> ModelHost::storagePaths() const {
+  using Paths = std::map<std::string, std::string>;
+  return query<Paths>("path.lookup", [](const ModelFile& model) { return Answer<Paths>{{}, model.paths}; });
+}
+
+Answer<std::map<std::string, StorageDevice>> ModelHost::storageDevices() const {
+  using Devices = std::map<std::string, StorageDevice>;
+  return query<Devices>("device.lookup", [](const ModelFile& model) {
+    Answer<Devices> all;
+    for (const auto& [name, device] : model.devices) all.value[name] = factsOf(device);
+    return all;
+  });
 }
 
 Outcome ModelHost::openVolumes() const {
@@ -188,13 +210,16 @@ Answer<std::string> ModelHost::vmName(std::int64_t worldId) const {
       "vm.name", [&](const ModelFile& model) { return nameOf(firstVm(model, &VmIdentity::worldId, worldId)); });
 }
 
-Answer<std::uint32_t> ModelHost::cpuCores() const {
-  return query<std::uint32_t>("cpu.info",
-                              [](const ModelFile& model) { return valueOr(model.cpu.cores, "core count"); });
+Answer<std::vector<VmIdentity>> ModelHost::vms() const {
+  using Vms = std::vector<VmIdentity>;
+  return query<Vms>("vm.lookup", [](const ModelFile& model) { return Answer<Vms>{{}, model.vms}; });
 }
 
-Answer<std::uint32_t> ModelHost::cpuPcpus() const {
-  return query<std::uint32_t>("cpu.info", [](const ModelFile& model) { return valueOr(model.cpu.pcpus, "CPU count"); });
+Answer<CpuCounts> ModelHost::cpuCounts() const {
+  return query<CpuCounts>("cpu.info", [](const ModelFile& model) -> Answer<CpuCounts> {
+    if (!model.cpu.cores || !model.cpu.pcpus) return {{ENOENT, "the model does not count the processors"}, {}};
+    return {{}, {*model.cpu.cores, *model.cpu.pcpus}};
+  });
 }
 
 Answer<std::string> ModelHost::cpuVendor() const {

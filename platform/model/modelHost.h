@@ -39,32 +39,29 @@ class ModelHost : public Host {
   /// The whole file as it is now.
   [[nodiscard]] Answer<ModelFile> read() const;
 
-  /// The device that a storage path leads to.
-  [[nodiscard]] Answer<std::string> deviceOfPath(const std::string& path) const;
-  [[nodiscard]] Answer<ModelDevice> device(const std::string& name) const;
-  /// Whether the volumes can be asked for at all.
-  [[nodiscard]] Outcome openVolumes() const;
-  /// The volume on a partition; fails as the file says, with ENOENT where it names none.
-  [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string& device, std::uint32_t number) const;
-  /// A path of a file system in the form that names its datastore.
-  [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const;
+  [[nodiscard]] Answer<std::string> deviceOfPath(const std::string& path) const override;
+  [[nodiscard]] Answer<StorageDevice> storageDevice(const std::string& name) const override;
+  [[nodiscard]] Answer<std::map<std::string, std::string>> storagePaths() const override;
+  [[nodiscard]] Answer<std::map<std::string, StorageDevice>> storageDevices() const override;
+  [[nodiscard]] Outcome openVolumes() const override;
+  [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string& device, std::uint32_t number) const override;
+  [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const override;
 
-  [[nodiscard]] Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const;
-  [[nodiscard]] Answer<std::string> vmName(std::int64_t worldId) const;
+  [[nodiscard]] Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const override;
+  [[nodiscard]] Answer<std::string> vmName(std::int64_t worldId) const override;
+  [[nodiscard]] Answer<std::vector<VmIdentity>> vms() const override;
 
-  [[nodiscard]] Answer<std::uint32_t> cpuCores() const;
-  [[nodiscard]] Answer<std::uint32_t> cpuPcpus() const;
-  [[nodiscard]] Answer<std::string> cpuVendor() const;
-  [[nodiscard]] Answer<bool> cpuOfflineEnabled() const;
+  [[nodiscard]] Answer<CpuCounts> cpuCounts() const override;
+  [[nodiscard]] Answer<std::string> cpuVendor() const override;
+  [[nodiscard]] Answer<bool> cpuOfflineEnabled() const override;
 
-  [[nodiscard]] Answer<std::uint64_t> pageRetireThreshold() const;
-  [[nodiscard]] Answer<std::uint32_t> pageStatus(std::uint64_t page) const;
+  [[nodiscard]] Answer<std::uint64_t> pageRetireThreshold() const override;
+  [[nodiscard]] Answer<std::uint32_t> pageStatus(std::uint64_t page) const override;
 
-  Outcome cpuOffline(std::int64_t cpu);
-  Outcome pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode);
-  /// Fails with ESRCH where no VM of the file has that world id.
-  Outcome vmKill(std::int64_t worldId);
-  Outcome swapReconfigure();
+  Outcome cpuOffline(std::int64_t cpu) override;
+  Outcome pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode) override;
+  Outcome vmKill(std::int64_t worldId) override;
+  Outcome swapReconfigure() override;
 
  private:
   template <typename T, typename Find>

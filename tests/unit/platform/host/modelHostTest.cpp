@@ -51,14 +51,14 @@ TEST_F(Model, AnswersWhatTheFileSays) {
   EXPECT_EQ(host_.portGroups().value.size(), 2U);
   EXPECT_EQ(host_.vmNameOfGroup(13).value, "web02");
   EXPECT_EQ(host_.deviceOfPath("path-0:0:1").value, "naa.600");
-  EXPECT_EQ(host_.device("naa.600").value.redundancyState, 2);
+  EXPECT_EQ(host_.storageDevice("naa.600").value.redundancyState, 2);
   EXPECT_TRUE(host_.openVolumes().ok());
   EXPECT_EQ(host_.volumeOfPartition("naa.600", 1).value, "datastore1");
   EXPECT_EQ(host_.datastorePath("/cvfs/volumes/5f/sys.swp").value, "datastore1: sys.swp");
   EXPECT_EQ(host_.vmByWorldId(4711).value.groupId, 12);
   EXPECT_EQ(host_.vmName(4711).value, "web01");
-  EXPECT_EQ(host_.cpuCores().value, 4U);
-  EXPECT_EQ(host_.cpuPcpus().value, 8U);
+  EXPECT_EQ(host_.cpuCounts().value.cores, 4U);
+  EXPECT_EQ(host_.cpuCounts().value.pcpus, 8U);
   EXPECT_EQ(host_.cpuVendor().value, "GenuineIntel");
   EXPECT_TRUE(host_.cpuOfflineEnabled().value);
   EXPECT_EQ(host_.pageStatus(0x1234).value, 1U);
@@ -76,11 +76,10 @@ TEST_F(Model, WhatTheFileDoesNotSayCannotBeReadButForTheDefaults) {
   EXPECT_EQ(host_.vmByWorldId(1).outcome.status, ESRCH);
   EXPECT_EQ(host_.vmName(1).outcome.status, ESRCH);
   EXPECT_EQ(host_.deviceOfPath("p").outcome.status, ENOENT);
-  EXPECT_EQ(host_.device("d").outcome.status, ENOENT);
+  EXPECT_EQ(host_.storageDevice("d").outcome.status, ENOENT);
   EXPECT_EQ(host_.volumeOfPartition("d", 1).outcome.status, ENOENT);
   EXPECT_EQ(host_.datastorePath("/x").outcome.status, ENOENT);
-  EXPECT_EQ(host_.cpuCores().outcome.status, ENOENT);
-  EXPECT_EQ(host_.cpuPcpus().outcome.status, ENOENT);
+  EXPECT_EQ(host_.cpuCounts().outcome.status, ENOENT);
   EXPECT_EQ(host_.cpuVendor().outcome.status, ENOENT);
   EXPECT_EQ(host_.cpuOfflineEnabled().outcome.status, ENOENT);
   EXPECT_EQ(host_.pageStatus(1).outcome.status, ENOENT);
@@ -206,13 +205,15 @@ INSTANTIATE_TEST_SUITE_P(
                       FailureCase{"context.open:7", asking([](ModelHost& h) { return h.openChannel(7); })},
                       FailureCase{"portGroup.lookup", asking([](ModelHost& h) { return h.portGroup("Production"); })},
                       FailureCase{"path.lookup", asking([](ModelHost& h) { return h.deviceOfPath("path-0:0:1"); })},
-                      FailureCase{"device.lookup", asking([](ModelHost& h) { return h.device("naa.600"); })},
+                      FailureCase{"device.lookup", asking([](ModelHost& h) { return h.storageDevice("naa.600"); })},
                       FailureCase{"volumes.open", [](ModelHost& h) { return h.openVolumes(); }},
                       FailureCase{"vm.lookup", asking([](ModelHost& h) { return h.vmByWorldId(4711); })},
                       FailureCase{"vm.name", asking([](ModelHost& h) { return h.vmNameOfGroup(12); })},
                       FailureCase{"vm.name", asking([](ModelHost& h) { return h.vmName(4711); })},
-                      FailureCase{"cpu.info", asking([](ModelHost& h) { return h.cpuCores(); })},
-                      FailureCase{"cpu.info", asking([](ModelHost& h) { return h.cpuPcpus(); })},
+                      FailureCase{"cpu.info", asking([](ModelHost& h) { return h.cpuCounts(); })},
+                      FailureCase{"vm.lookup", asking([](ModelHost& h) { return h.vms(); })},
+                      FailureCase{"path.lookup", asking([](ModelHost& h) { return h.storagePaths(); })},
+                      FailureCase{"device.lookup", asking([](ModelHost& h) { return h.storageDevices(); })},
                       FailureCase{"cpu.list", asking([](ModelHost& h) { return h.cpuVendor(); })},
                       FailureCase{"offlineEnabled.read", asking([](ModelHost& h) { return h.cpuOfflineEnabled(); })},
                       FailureCase{"page.status", asking([](ModelHost& h) { return h.pageStatus(0x1234); })},
