@@ -11,4 +11,8 @@ void logUnreadable(OnUnreadable how, const Kel* observation, int status) {
   if (how == OnUnreadable::failedToCorrelate) Log("Failed to correlate %s: %d\n", id, status);
 }
 
+void logUnreadable(const char* text, int status) {
+  Log(text, status);
+}
+
 }  // namespace keld

@@ -28,11 +28,13 @@ void event_prefix_does_not_fit_kind();     // NOLINT(readability-identifier-nami
 void event_name_longer_than_128();         // NOLINT(readability-identifier-naming)
 void placeholder_without_argument();       // NOLINT(readability-identifier-naming)
 void argument_does_not_fit_placeholder();  // NOLINT(readability-identifier-naming)
+void wording_without_argument();           // NOLINT(readability-identifier-naming)
 
 /// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder.
 enum class Arg { none, text, i16, i32, i64, any };
 
-/// The n-th conversion of `format`; `text` is the letter that means text there ('p' reading, 's' writing).
+/// The n-th conversion of `format`; `text` is the letter that means text there: 's' writing, and 'p'
+/// reading, where 's' does as well.
 constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
   for (auto at = format.find('%'); at != std::string_view::npos; at = format.find('%', at)) {
     const auto size = format.find_first_not_of("#-+ .0123456789", at + 1);
@@ -40,7 +42,7 @@ constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
     if (letter == std::string_view::npos) unknown_conversion();
     at = letter + 1;
     if (format[letter] == '%' || n-- != 0) continue;
-    if (format[letter] == text) return Arg::text;
+    if (format[letter] == text || (text == 'p' && format[letter] == 's')) return Arg::text;
     if (std::string_view("diuxX").find(format[letter]) == std::string_view::npos || letter - size > 1)
       unknown_conversion();
     if (letter == size) return Arg::i32;
@@ -49,7 +51,8 @@ constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
   return Arg::none;
 }
 
-/// Argument n of a reading: "%p %d" is one Kel_GetArgs call, "si" is text and integer by index.
+/// Argument n of a reading: "%p %d", or a message with its conversions, is one Kel_GetArgs call; "si" is
+/// text and integer by index.
 constexpr Arg argument(std::string_view read, std::size_t n) {
   if (read.find('%') != std::string_view::npos) return conversion(read, 'p', n);
   if (n >= read.size()) return Arg::none;
@@ -83,6 +86,9 @@ consteval void checkMarked(VProbKind kind, std::string_view marked) {
   if (eventName(marked).size() > kMaxEventName) event_name_longer_than_128();
 }
 
+/// A fill that takes the arguments in their order.
+inline constexpr std::string_view kInOrder = "012345678";
+
 /// One observation and the event that it becomes.
 struct Row {
   std::string_view observation;
@@ -90,10 +96,13 @@ struct Row {
   std::string_view text;  ///< a marked template, NUL-terminated
   std::string_view fill;  ///< fill[n] is the argument that fills placeholder n
   VProbKind kind;
+  /// Logged, with the status, where argument n cannot be read by index; the table's wording without.
+  std::span<const char* const> unreadable;
 
-  consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t,
-                std::string_view f = "012345678")
-      : observation(o), read(r), text(t), fill(f), kind(k) {
+  consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t, std::string_view f = kInOrder,
+                std::span<const char* const> u = {})
+      : observation(o), read(r), text(t), fill(f), kind(k), unreadable(u) {
+    if (!u.empty() && (r.find('%') != std::string_view::npos || u.size() != r.size())) wording_without_argument();
     checkMarked(k, t);
     for (std::size_t n = 0; conversion(eventMessage(t), 's', n) != Arg::none; ++n) {
       const Arg want = conversion(eventMessage(t), 's', n);
@@ -133,6 +142,8 @@ struct Event : EventInfo {
   }
 
   void post(Post& out, A... arguments) const { out.VProb_Post(false, kind, text.data(), arguments...); }
+  /// For an event whose receiver is known to be gone.
+  void postQueueOnly(Post& out, A... arguments) const { out.VProb_Post(true, kind, text.data(), arguments...); }
 
  private:
   template <typename T>
@@ -157,6 +168,8 @@ enum class OnUnreadable { silent, failedToGetParams, failedToCorrelate };
 
 /// Logs the table's text for an observation whose arguments could not be read.
 void logUnreadable(OnUnreadable how, const Kel* observation, int status);
+/// Logs what a row says of an argument that could not be read by index; `text` has one %d.
+void logUnreadable(const char* text, int status);
 
 /// Reads the arguments of one row, each as the type that the row says, and posts its event.
 template <const auto& kRows, std::size_t kIndex>
@@ -184,16 +197,22 @@ class Translation {
     return Kel_GetIntArg(observation, index, value);
   }
 
-  template <std::size_t... kN>
-  static int read(const Kel* observation, auto& values, std::index_sequence<kN...>) {
+  /// How reading went, and the argument at which it failed by index.
+  struct Reading {
     int status = 0;
+    std::size_t index = 0;
+  };
+
+  template <std::size_t... kN>
+  static Reading read(const Kel* observation, auto& values, std::index_sequence<kN...>) {
+    Reading reading;
     if constexpr (sizeof...(kN) == 0)
-      return status;
+      return reading;
     else if constexpr (kByIndex) {
-      static_cast<void>((((status = readOne(observation, kN, &std::get<kN>(values))) == 0) && ...));
-      return status;
+      static_cast<void>((((reading = {readOne(observation, kN, &std::get<kN>(values)), kN}).status == 0) && ...));
+      return reading;
     } else {
-      return Kel_GetArgs(observation, 0, kRow.read.data(), &std::get<kN>(values)...);
+      return {Kel_GetArgs(observation, 0, kRow.read.data(), &std::get<kN>(values)...), 0};
     }
   }
 
@@ -216,32 +235,49 @@ class Translation {
 // The text of a row is checked while it is compiled.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-  static void handle(Post& post, OnUnreadable how, const Kel* observation) {
-    [&]<std::size_t... kN>(std::index_sequence<kN...>) {
+  /// False where the arguments could not be read; nothing is posted then.
+  static bool handle(Post& post, OnUnreadable how, const Kel* observation) {
+    return [&]<std::size_t... kN>(std::index_sequence<kN...>) {
       std::tuple values{valueType<argument(kRow.read, kN)>()...};
-      if (const int status = read(observation, values, kArguments); status != 0) {
-        logUnreadable(how, observation, status);
-        return;
+      if (const Reading reading = read(observation, values, kArguments); reading.status != 0) {
+        if constexpr (kRow.unreadable.empty())
+          logUnreadable(how, observation, reading.status);
+        else
+          logUnreadable(kRow.unreadable[reading.index], reading.status);
+        return false;
       }
       [&]<std::size_t... kP>(std::index_sequence<kP...>) {
         post.VProb_Post(false, kRow.kind, kRow.text.data(), filler<kP>(values)...);
       }
       (std::make_index_sequence<placeholders()>());
+      return true;
     }
     (kArguments);
   }
 #pragma GCC diagnostic pop
 };
 
+/// Reads one row's arguments and posts its event. False where they could not be read.
+using Translate = bool (*)(Post& post, OnUnreadable how, const Kel* observation);
+
+/// The translations of a table's rows, in their order.
+template <const auto& kRows>
+constexpr auto translations() {
+  return []<std::size_t... kN>(std::index_sequence<kN...>) {
+    return std::array<Translate, sizeof...(kN)>{Translation<kRows, kN>::handle...};
+  }
+  (std::make_index_sequence<kRows.size()>());
+}
+
 /// Registers a handler for every row of a table; `post` must outlive the handlers.
 template <const auto& kRows>
 void addRows(HandlerTable& handlers, Post& post, OnUnreadable how) {
-  [&]<std::size_t... kN>(std::index_sequence<kN...>) {
-    (handlers.emplace(std::string(kRows[kN].observation),
-                      [&post, how](const Kel* observation) { Translation<kRows, kN>::handle(post, how, observation); }),
-     ...);
+  static constexpr auto kTranslations = translations<kRows>();
+  for (std::size_t n = 0; n < kRows.size(); ++n) {
+    handlers.emplace(
+        std::string(kRows[n].observation),
+        [&post, how, translate = kTranslations[n]](const Kel* observation) { translate(post, how, observation); });
   }
-  (std::make_index_sequence<kRows.size()>());
 }
 
 }  // namespace keld

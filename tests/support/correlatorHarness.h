@@ -1,10 +1,12 @@
 // A correlator on a manual clock: send observations, let time pass, read what was posted.
 #pragma once
 
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "keldFramework.h"
+#include "keldCorrelator.h"
 #include "manualTime.h"
 #include "observation.h"
 #include "recordingPost.h"
@@ -25,6 +27,13 @@ class Driver {
  public:
   Driver(Scenario& scenario, keld::HandlerTable handlers, keld::Handler fallback = keld::ignoreObservation)
       : scenario_(scenario), handlers_(std::move(handlers)), fallback_(std::move(fallback)) {}
+  /// Drives a correlator that keeps no thread of its own.
+  Driver(Scenario& scenario, const keld::CorrelatorInfo& info) : Driver(scenario, info.make(scenario.services)) {}
+  Driver(Scenario& scenario, std::unique_ptr<keld::Correlator> correlator)
+      : scenario_(scenario),
+        correlator_(std::move(correlator)),
+        handlers_(correlator_->handlers()),
+        fallback_(correlator_->fallback()) {}
 
   /// Dispatches one observation now.
   void observe(const std::string& id, const std::vector<KelEmit::Argument>& arguments = {}) {
@@ -38,6 +47,7 @@ class Driver {
 
  private:
   Scenario& scenario_;
+  std::unique_ptr<keld::Correlator> correlator_;
   keld::HandlerTable handlers_;
   keld::Handler fallback_;
 };
