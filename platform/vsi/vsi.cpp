@@ -103,6 +103,65 @@ QK_ReturnStatus getVmmGroupInfo(const VSI_ParamList* instance, void* out, std::s
   return give(info, out);
 }
 
+QK_ReturnStatus getCpuInfo(const VSI_ParamList* instance, void* out, std::size_t size) {
+  if (!hasLength(instance, 0) || size != sizeof(VSI_CpuInfo)) return QK_BAD_PARAM;
+  const auto counts = currentHost().cpuCounts();
+  if (!counts.ok()) return kernelStatus(counts.outcome);
+  VSI_CpuInfo info{};
+  info.cores = counts.value.cores;
+  info.pcpus = counts.value.pcpus;
+  return give(info, out);
+}
+
+QK_ReturnStatus getCpuListEntry(const VSI_ParamList* instance, void* out, std::size_t size) {
+  // All processors of a host are of one vendor.
+  if (intAt(instance, 0) == nullptr || !hasLength(instance, 1) || size != sizeof(VSI_CpuListEntry)) return QK_BAD_PARAM;
+  const Answer<std::string> vendor = currentHost().cpuVendor();
+  if (!vendor.ok()) return kernelStatus(vendor.outcome);
+  VSI_CpuListEntry entry{};
+  const std::string_view shown = cutToFit(vendor.value, sizeof entry.vendor - 1);
+  std::memcpy(entry.vendor, shown.data(), shown.size());
+  return give(entry, out);
+}
+
+QK_ReturnStatus getOfflineEnabled(const VSI_ParamList* instance, void* out, std::size_t size) {
+  if (!hasLength(instance, 0) || size != sizeof(VSI_OfflineEnabled)) return QK_BAD_PARAM;
+  const Answer<bool> enabled = currentHost().cpuOfflineEnabled();
+  if (!enabled.ok()) return kernelStatus(enabled.outcome);
+  return give(static_cast<VSI_OfflineEnabled>(enabled.value ? 1 : 0), out);
+}
+
+QK_ReturnStatus getPageRetireThreshold(const VSI_ParamList* instance, void* out, std::size_t size) {
+  if (!hasLength(instance, 0) || size != sizeof(VSI_PageRetireThreshold)) return QK_BAD_PARAM;
+  const Answer<std::uint64_t> threshold = currentHost().pageRetireThreshold();
+  if (!threshold.ok()) return kernelStatus(threshold.outcome);
+  return give(VSI_PageRetireThreshold{threshold.value}, out);
+}
+
+QK_ReturnStatus getPageStatus(const VSI_ParamList* instance, const VSI_ParamList* input, void* out, std::size_t size) {
+  const std::int64_t* const page = intAt(input, 0);
+  if (!hasLength(instance, 0) || page == nullptr || !hasLength(input, 1)) return QK_BAD_PARAM;
+  if (size != sizeof(VSI_PageStatus)) return QK_BAD_PARAM;
+  const Answer<std::uint32_t> status = currentHost().pageStatus(static_cast<std::uint64_t>(*page));
+  if (!status.ok()) return kernelStatus(status.outcome);
+  return give(VSI_PageStatus{status.value}, out);
+}
+
+QK_ReturnStatus setCpuOffline(const VSI_ParamList* instance, const VSI_ParamList* input) {
+  const std::int64_t* const cpu = intAt(instance, 0);
+  if (cpu == nullptr || !hasLength(instance, 1) || !hasLength(input, 0)) return QK_BAD_PARAM;
+  return kernelStatus(currentHost().cpuOffline(*cpu));
+}
+
+QK_ReturnStatus setRetiredPages(const VSI_ParamList* instance, const VSI_ParamList* input) {
+  const std::int64_t* const page = intAt(input, 0);
+  const std::int64_t* const count = intAt(input, 1);
+  const std::string* const mode = stringAt(input, 2);
+  if (page == nullptr || count == nullptr || mode == nullptr) return QK_BAD_PARAM;
+  if (!hasLength(instance, 0) || !hasLength(input, 3)) return QK_BAD_PARAM;
+  return kernelStatus(currentHost().pageRetire(static_cast<std::uint64_t>(*page), *count, *mode));
+}
+
 QK_ReturnStatus setOption(const VSI_ParamList* instance, const VSI_ParamList* input) {
   const std::string name = optionName(instance);
   const std::int64_t* const value = intAt(input, 0);
@@ -165,10 +224,27 @@ QK_ReturnStatus VSI_Get(VSI_NodeID node, const VSI_ParamList* instance, void* ou
         return getSystemUuid(instance, out, size);
       case VSI_NODE_vm_vmmGroupInfo:
         return getVmmGroupInfo(instance, out, size);
+      case VSI_NODE_hardware_cpu_cpuInfo:
+        return getCpuInfo(instance, out, size);
+      case VSI_NODE_hardware_cpu_cpuList:
+        return getCpuListEntry(instance, out, size);
+      case VSI_NODE_sched_offline_enabled:
+        return getOfflineEnabled(instance, out, size);
+      case VSI_NODE_system_pageRetire_threshold:
+        return getPageRetireThreshold(instance, out, size);
       default:
         return QK_NOT_SUPPORTED;
     }
   });
+}
+
+QK_ReturnStatus VSI_GetWithInput(VSI_NodeID node, const VSI_ParamList* instance, const VSI_ParamList* input, void* out,
+                                 std::size_t size) {
+  if (node != VSI_NODE_system_pageRetire_MPNStatus) {
+    return hasLength(input, 0) ? VSI_Get(node, instance, out, size) : QK_BAD_PARAM;
+  }
+  if (out == nullptr) return QK_BAD_PARAM;
+  return guarded([&] { return getPageStatus(instance, input, out, size); });
 }
 
 QK_ReturnStatus VSI_Set(VSI_NodeID node, const VSI_ParamList* instance, const VSI_ParamList* input) {
@@ -178,6 +254,10 @@ QK_ReturnStatus VSI_Set(VSI_NodeID node, const VSI_ParamList* instance, const VS
         return setOption(instance, input);
       case VSI_NODE_net_pNics_linkFlapping:
         return setLinkFlapping(instance, input);
+      case VSI_NODE_sched_pcpus_offline:
+        return setCpuOffline(instance, input);
+      case VSI_NODE_system_pageRetire_retireMPNs:
+        return setRetiredPages(instance, input);
       default:
         return QK_NOT_SUPPORTED;
     }

@@ -1,4 +1,4 @@
-// Kernel control: advanced options and the system-information nodes as objects.
+// Kernel control: advanced options, system-information nodes, virtual machines and swap as objects.
 //
 // Each object belongs to one thread; the calls behind it may be made from any. Failures are thrown
 // as HostCtl::Lib::HostCtlException.
@@ -43,8 +43,9 @@ class Sysinfo {
   void AddInstancePath(const std::string& element);
   /// Names the instance by number.
   void SetInstance(std::int64_t instance);
-  /// Adds an integer to what Set will write.
+  /// Adds an integer or a text to what Set will write, or Get is asked with.
   void AddInput(std::int64_t value);
+  void AddInput(const std::string& value);
   /// Writes the inputs to the node. Throws where the kernel refuses.
   void Set();
   /// Reads the node's value, exactly `size` bytes, into `out`. Throws on failure.
@@ -62,3 +63,36 @@ class Sysinfo {
 };
 
 }  // namespace QkCtl::Util
+
+namespace QkCtl::Resource {
+
+/// A virtual machine that ran when it was looked up.
+class VirtualMachine {
+ public:
+  explicit VirtualMachine(std::int64_t worldId) : worldId_(worldId) {}
+  /// The name that operators know it by.
+  [[nodiscard]] std::string GetDisplayName() const;
+  /// Ends it at once; `flags` is 0.
+  void Kill(int flags) const;
+
+ private:
+  std::int64_t worldId_;
+};
+
+class ResourceInfoImpl {
+ public:
+  /// The virtual machine of that world. Throws where there is none.
+  [[nodiscard]] std::unique_ptr<VirtualMachine> GetVirtualMachineByWorldId(std::int32_t worldId) const;
+};
+
+}  // namespace QkCtl::Resource
+
+namespace QkCtl::System {
+
+class SwapInfoImpl {
+ public:
+  /// Places system swap anew; both arguments are 0. Waits until that is done or has failed.
+  void ReconfigureSysSwap(int flags, int options) const;
+};
+
+}  // namespace QkCtl::System

@@ -24,6 +24,13 @@ enum VSI_NodeID {
   VSI_NODE_system_systemUuid,
   VSI_NODE_net_pNics_linkFlapping,
   VSI_NODE_vm_vmmGroupInfo,
+  VSI_NODE_hardware_cpu_cpuInfo,
+  VSI_NODE_hardware_cpu_cpuList,
+  VSI_NODE_sched_offline_enabled,
+  VSI_NODE_sched_pcpus_offline,
+  VSI_NODE_system_pageRetire_threshold,
+  VSI_NODE_system_pageRetire_MPNStatus,
+  VSI_NODE_system_pageRetire_retireMPNs,
 };
 
 /// The value of VSI_NODE_config_intOpts. Its instance is two strings, group and name; setting it takes
@@ -46,6 +53,34 @@ struct VSI_VmmGroupInfo {
 };
 static_assert(sizeof(VSI_VmmGroupInfo) == 3396);
 
+/// The value of VSI_NODE_hardware_cpu_cpuInfo.
+struct VSI_CpuInfo {
+  char reserved0[24];
+  std::uint32_t cores;
+  std::uint32_t pcpus;
+  char reserved32[8];
+};
+static_assert(sizeof(VSI_CpuInfo) == 40 && offsetof(VSI_CpuInfo, cores) == 24 && offsetof(VSI_CpuInfo, pcpus) == 28);
+
+/// The value of VSI_NODE_hardware_cpu_cpuList; the instance is the number of a processor.
+struct VSI_CpuListEntry {
+  char reserved0[28];
+  char vendor[16];  ///< NUL-terminated, cut to fit
+  char reserved44[184];
+};
+static_assert(sizeof(VSI_CpuListEntry) == 228 && offsetof(VSI_CpuListEntry, vendor) == 28);
+
+/// The value of VSI_NODE_sched_offline_enabled: not 0 where processors may be taken offline.
+using VSI_OfflineEnabled = std::uint8_t;
+// VSI_NODE_sched_pcpus_offline is set, without input, for the processor whose number is the instance.
+
+/// The value of VSI_NODE_system_pageRetire_threshold: a count of pages.
+using VSI_PageRetireThreshold = std::uint64_t;
+/// The value of VSI_NODE_system_pageRetire_MPNStatus for the page number that is the input. Its low 16
+/// bits are not 0 where the page is retired or about to be.
+using VSI_PageStatus = std::uint32_t;
+// VSI_NODE_system_pageRetire_retireMPNs is set to a page number, a count and a mode ("NiceRetire").
+
 /// An ordered list of strings and integers that names an instance or carries a value.
 struct VSI_ParamList;
 
@@ -59,6 +94,10 @@ QK_ReturnStatus VSI_ParamListAddInt(VSI_ParamList* list, std::int64_t value);
 /// Reads a node's value for an instance (nullptr: the only one) into `out`, exactly `size` bytes.
 /// Returns QK_BAD_PARAM where the size is not the value's; `out` is untouched on failure.
 QK_ReturnStatus VSI_Get(VSI_NodeID node, const VSI_ParamList* instance, void* out, std::size_t size);
+
+/// The same for a node that is asked with `input`.
+QK_ReturnStatus VSI_GetWithInput(VSI_NodeID node, const VSI_ParamList* instance, const VSI_ParamList* input, void* out,
+                                 std::size_t size);
 
 /// Sets a node of an instance to the values in `input`.
 QK_ReturnStatus VSI_Set(VSI_NodeID node, const VSI_ParamList* instance, const VSI_ParamList* input);
