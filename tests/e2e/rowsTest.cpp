@@ -1,42 +1,14 @@
-// Every translation of one observation into one event, from the identifier that goes in to the bytes,
-// the log lines and the trace lines that come out.
-#include <algorithm>
-#include <fstream>
-#include <sstream>
+// Every translation of observations into events, from the identifier that goes in to the bytes, the
+// log lines and the trace lines that come out.
+#include "rowTable.h"
 
 #include "endToEnd.h"
 
 namespace e2e {
 namespace {
 
-struct Row {
-  std::string id;
-  Arguments arguments;
-  std::string event;
-  std::string text;
-};
-
-KelEmit::Argument argumentOf(const std::string& token) {
-  const std::string value = token.substr(2);
-  switch (token[0]) {
-    case 's':
-      return value;
-    case 'n':
-      return KelEmit::NullText{};
-    case 'i':
-      return static_cast<std::int32_t>(std::stoll(value, nullptr, 0));
-    case 'u':
-      return static_cast<std::uint32_t>(std::stoull(value, nullptr, 0));
-    case 'l':
-      return static_cast<std::int64_t>(std::stoll(value, nullptr, 0));
-    case 'L':
-      return static_cast<std::uint64_t>(std::stoull(value, nullptr, 0));
-    case 'd':
-      return std::stod(value);
-    default:
-      throw HarnessError("no argument: " + token);
-  }
-}
+using support::Row;
+using support::RowKind;
 
 /// The field of a trace line, with its comma.
 std::string traced(const KelEmit::Argument& argument) {
@@ -52,72 +24,125 @@ std::string traced(const KelEmit::Argument& argument) {
   return std::visit(Field{}, argument);
 }
 
-std::vector<Row> loadRows(const std::string& file) {
-  std::ifstream table(std::string(KELD_TEST_DATA) + "/" + file);
-  std::vector<Row> rows;
-  for (std::string line; std::getline(table, line);) {
-    if (line.empty() || line[0] == '#') continue;
-    Row row;
-    std::istringstream columns(line);
-    std::string tokens, kind;
-    std::getline(columns, row.id, '\t');
-    std::getline(columns, tokens, '\t');
-    std::getline(columns, kind, '\t');
-    std::getline(columns, row.event, '\t');
-    std::getline(columns, row.text, '\t');
-    std::istringstream words(tokens);
-    for (std::string token; words >> token;) row.arguments.push_back(argumentOf(token));
-    EXPECT_EQ(row.event.rfind("orn." + kind + ".", 0), 0U) << line;
-    rows.push_back(row);
-  }
-  return rows;
+std::string queued(const std::string& event) {
+  return "An event (" + event + ") could not be sent immediately to hagd; queueing for retry.";
 }
 
 struct Table {
-  std::string file;
+  std::string name;
   std::string thread;
-  std::string model;
 };
 
-class Rows : public EndToEnd, public testing::WithParamInterface<Table> {};
+class Rows : public EndToEnd, public testing::WithParamInterface<Table> {
+ protected:
+  void SetUp() override {
+    EndToEnd::SetUp();
+    if (IsSkipped()) return;
+    rows_ = support::loadRows(std::string(KELD_TEST_DATA) + "/" + GetParam().name + "-rows.tsv");
+    workspace().setModel(rows_.front().model);
+    agent_ = std::make_unique<EventReceiver>(workspace().eventSocket());
+    daemon_ = std::make_unique<Daemon>(workspace());
+    daemon_->startAndServe();
+    emitter_ = std::make_unique<Emitter>(Emitter::toContext(workspace()));
+  }
+  [[nodiscard]] const std::vector<Row>& rows() const { return rows_; }
+
+  /// Sends the row's observation and sees to what becomes of it.
+  void follow(const Row& row) {
+    SCOPED_TRACE(row.id);
+    if (row.model != model_) workspace().setModel(model_ = row.model);
+    const std::uint64_t stampUs = send(row.id, row.arguments);
+    if (row.kind != RowKind::unknown) expectLine(observationLine(GetParam().thread, stampUs, row.id, row.id) + "\n");
+    if (row.posts()) followEvent(row);
+    expectLine(row.log);
+    if (!row.log.empty()) log().waitFor(row.log, [&](const LogLine& line) { return wholeText(line) == row.log; });
+  }
+
+  /// Sends the row's observation without its last argument.
+  void followShortened(const Row& row) {
+    SCOPED_TRACE(row.id + " without its last argument");
+    const std::uint64_t stampUs = send(row.id, row.shortened());
+    expectLine(observationLine(GetParam().thread, stampUs, row.id, row.id) + "\n");
+    expectLine(row.withoutLast.value());
+  }
+
+  /// Ends the daemon; all that it did from the first observation on is what was expected.
+  void expectNothingElse() {
+    ASSERT_TRUE(daemon_->terminate().with(0));
+    EXPECT_EQ(agent_->count(), sent_);
+    log().waitFor("Exiting. rc:0");
+    std::vector<std::string> lines;
+    for (const LogLine& line : log().lines()) {
+      if (line.stamp.empty() || (lines.empty() && wholeText(line) != expected_.at(0))) continue;
+      lines.push_back(wholeText(line));
+    }
+    expected_.emplace_back("Exiting due to signal.\n");
+    for (std::size_t n = 0; n < expected_.size(); ++n) {
+      ASSERT_LT(n, lines.size()) << "not logged: " << expected_[n];
+      ASSERT_EQ(lines[n], expected_[n]) << "after: " << (n == 0 ? "" : lines[n - 1]);
+    }
+  }
+
+ private:
+  static std::string wholeText(const LogLine& line) { return line.text + (line.lineFeed ? "\n" : ""); }
+
+  void expectLine(const std::string& line) {
+    if (!line.empty()) expected_.push_back(line);
+  }
+
+  std::uint64_t send(const std::string& id, const Arguments& arguments) {
+    const std::uint64_t stampUs = ++stampUs_;
+    emitter_->send(record(id, arguments, {}, stampUs));
+    const TraceLine in = daemon_->trace().next();
+    std::string fields = ",";
+    for (const KelEmit::Argument& argument : arguments) fields += traced(argument);
+    EXPECT_EQ(in.raw.substr(in.time.size()), ",IN," + std::to_string(stampUs) + "," + id + fields);
+    return stampUs;
+  }
+
+  void followEvent(const Row& row) {
+    const TraceLine out = daemon_->trace().next();
+    EXPECT_EQ(out.direction, "OUT");
+    EXPECT_EQ(out.id, row.event);
+    if (row.kind != RowKind::queued) {
+      const EventRecord event = agent_->waitForCount(++sent_).back();
+      EXPECT_EQ(event.name, row.event);
+      EXPECT_EQ(out.raw.substr(out.time.size()),
+                ",OUT," + std::to_string(event.timestampUs) + "," + row.event + "," + traceArguments(event.arguments));
+    }
+    expectLine(observationLine(GetParam().thread, std::stoull(out.stamp), row.event, row.text) + "\n");
+    if (row.kind == RowKind::queued) expectLine(queued(row.event));
+  }
+
+  std::vector<Row> rows_;
+  std::string model_;
+  std::unique_ptr<EventReceiver> agent_;
+  std::unique_ptr<Daemon> daemon_;
+  std::unique_ptr<Emitter> emitter_;
+  std::uint64_t stampUs_ = kStampUs;
+  std::size_t sent_ = 0;
+  std::vector<std::string> expected_;  ///< the daemon's lines, with their line feeds
+};
 
 TEST_P(Rows, EachBecomesItsEventAtTheAgentInTheLogAndInTheTrace) {
-  const std::vector<Row> rows = loadRows(GetParam().file);
-  ASSERT_FALSE(rows.empty());
-  workspace().setModel(GetParam().model);
-  EventReceiver agent(workspace().eventSocket());
-  Daemon daemon(workspace());
-  daemon.startAndServe();
-  const Emitter emitter = Emitter::toContext(workspace());
-  for (std::size_t n = 0; n < rows.size(); ++n) {
-    const Row& row = rows[n];
-    SCOPED_TRACE(row.id);
-    const std::uint64_t stampUs = kStampUs + n;
-    emitter.send(record(row.id, row.arguments, {}, stampUs));
-
-    const TraceLine in = daemon.trace().next(), out = daemon.trace().next();
-    std::string arguments = ",";
-    for (const KelEmit::Argument& argument : row.arguments) arguments += traced(argument);
-    EXPECT_EQ(in.raw.substr(in.time.size()), ",IN," + std::to_string(stampUs) + "," + row.id + arguments);
-
-    const EventRecord event = agent.waitForCount(n + 1).back();
-    EXPECT_EQ(event.name, row.event);
-    EXPECT_EQ(out.raw.substr(out.time.size()),
-              ",OUT," + std::to_string(event.timestampUs) + "," + row.event + "," + traceArguments(event.arguments));
-
-    log().waitFor(observationLine(GetParam().thread, stampUs, row.id, row.id));
-    log().waitFor(observationLine(GetParam().thread, event.timestampUs, row.event, row.text));
+  for (const Row& row : rows()) {
+    follow(row);
+    if (HasFailure()) return;
   }
-  ASSERT_TRUE(daemon.terminate().with(0));
-  EXPECT_EQ(agent.count(), rows.size());
+  expectNothingElse();
 }
 
-INSTANTIATE_TEST_SUITE_P(OneToOne, Rows,
-                         testing::Values(Table{"net-rows.tsv", "netCorrelator",
-                                               R"({"vms": [{"worldId": 1, "groupId": 12, "name": "web01"}]})"}),
-                         [](const testing::TestParamInfo<Table>& table) {
-                           return table.param.file.substr(0, table.param.file.find('-'));
-                         });
+TEST_P(Rows, WithoutTheLastArgumentNothingIsPostedAndTheWholeObservationAfterItStillIs) {
+  for (const Row& row : rows()) {
+    if (row.withoutLast) followShortened(row);
+    follow(row);
+    if (HasFailure()) return;
+  }
+  expectNothingElse();
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, Rows, testing::Values(Table{"net", "netCorrelator"}),
+                         [](const testing::TestParamInfo<Table>& table) { return table.param.name; });
 
 }  // namespace
 }  // namespace e2e

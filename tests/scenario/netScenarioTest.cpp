@@ -1,13 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "correlatorHarness.h"
 #include "keldNetCorrelator.h"
 #include "modelHost.h"
+#include "rowTable.h"
 
 namespace {
 
@@ -527,54 +526,18 @@ TEST_F(NetFlapping, aNicThatCannotBeTakenDownGivesNoEventAndEmptiesTheWindow) {
   EXPECT_EQ(downNow(), 1U);
 }
 
-/// A tab-separated line as its fields.
-std::vector<std::string> split(const std::string& line, char separator) {
-  std::vector<std::string> fields;
-  std::istringstream in(line);
-  for (std::string field; std::getline(in, field, separator);) fields.push_back(field);
-  return fields;
-}
-
-KelEmit::Argument argument(const std::string& token) {
-  const std::string value = token.substr(2);
-  switch (token[0]) {
-    case 's':
-      return value;
-    case 'n':
-      return KelEmit::NullText{};
-    case 'i':
-      return static_cast<std::int32_t>(std::stoll(value, nullptr, 0));
-    case 'u':
-      return static_cast<std::uint32_t>(std::stoull(value, nullptr, 0));
-    case 'l':
-      return static_cast<std::int64_t>(std::stoll(value, nullptr, 0));
-    default:
-      throw std::invalid_argument(token);
-  }
-}
-
 TEST_F(NetScenario, everyOneToOneRowGivesItsKindNameAndText) {
-  host.write(R"({"vms":[{"worldId":1,"groupId":12,"name":"web01"}]})");
-  std::ifstream in(KELD_NET_ROWS);
-  std::size_t rows = 0;
-  for (std::string line; std::getline(in, line);) {
-    if (line.empty() || line.starts_with('#')) continue;
-    const auto fields = split(line, '\t');
-    ASSERT_EQ(fields.size(), 5U) << line;
-    std::vector<KelEmit::Argument> arguments;
-    for (const std::string& token : split(fields[1], ' ')) arguments.push_back(argument(token));
-    driver.observe(fields[0], arguments);
-    const auto kind = fields[2] == "problem" ? keld::VProbKind::problem
-                      : fields[2] == "audit" ? keld::VProbKind::audit
-                                             : keld::VProbKind::clear;
-    EXPECT_EQ(driver.events(), (Events{{kind, fields[3], fields[4], false}})) << fields[0];
-    if (!arguments.empty()) {
-      driver.observe(fields[0]);
-      EXPECT_EQ(driver.events(), Events{}) << fields[0] << " without arguments";
+  const std::vector<support::Row> rows = support::loadRows(KELD_NET_ROWS);
+  for (const support::Row& row : rows) {
+    host.write(row.model);
+    driver.observe(row.id, row.arguments);
+    EXPECT_EQ(driver.events(), Events{support::posted(row)}) << row.id;
+    if (!row.arguments.empty()) {
+      driver.observe(row.id);
+      EXPECT_EQ(driver.events(), Events{}) << row.id << " without arguments";
     }
-    ++rows;
   }
-  EXPECT_GE(rows, 37U);
+  EXPECT_GE(rows.size(), 37U);
 }
 
 TEST_F(NetScenario, anUnknownObservationOfTheGroupIsIgnoredSilently) {
