@@ -6,7 +6,8 @@ namespace keld {
 
 std::span<const CorrelatorInfo* const> correlators() {
   static constexpr const CorrelatorInfo* kCorrelators[] = {
-      &kNetCorrelator,
+      &kNetCorrelator,   &kScsiCorrelator,  &kApdCorrelator,   &kIscsiCorrelator,
+      &kClockCorrelator, &kSchedCorrelator, &kVscsiCorrelator,
   };
   return kCorrelators;
 }

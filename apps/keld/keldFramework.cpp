@@ -11,6 +11,7 @@
 #include <exception>
 #include <memory>
 
+#include "keldArguments.h"
 #include "keldLog.h"
 #include "platform/str.h"
 
@@ -78,13 +79,7 @@ void ignoreObservation(const Kel* observation) {
 }
 
 void reportUnknownObservation(const Kel* observation) {
-  const char* id = nullptr;
-  Kel_GetID(observation, &id);
-  if (id == nullptr) {
-    Log("FAIL: Received NULL kelID\n");
-    return;
-  }
-  Log("No correlator for %s \n", id);
+  if (const char* const id = identifierOf(observation)) Log("No correlator for %s \n", id);
 }
 
 void dispatchObservation(const Handler& fallback, const HandlerTable& handlers, const Kel* observation) {

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <span>
@@ -26,6 +27,9 @@ struct Services {
   Clock& clock;
   Post& post;
   Timers& timers;
+
+  /// Seconds of the host's clock since the epoch, for hold-offs.
+  [[nodiscard]] std::int64_t nowSeconds() const { return clock.wallSeconds().time_since_epoch().count(); }
 };
 
 /// Default handlers of the two kinds.

@@ -29,8 +29,10 @@
 #include <optional>
 #include <utility>
 
+#include "keldArguments.h"
 #include "keldLog.h"
 #include "keldNetRows.h"
+#include "keldText.h"
 #include "platform/hostctl.h"
 #include "platform/qkctl.h"
 
@@ -54,15 +56,6 @@ constexpr std::uint32_t kWatchdogSeconds = 7;
 constexpr int kBadFenceId = static_cast<int>(0xbad0007);
 constexpr int kNoFenceProperty = static_cast<int>(0xbad0002);
 
-std::string quoteJoin(const std::vector<std::string>& names) {
-  std::string joined;
-  for (const std::string& name : names) {
-    if (!joined.empty()) joined += ", ";
-    joined += '"' + name + '"';
-  }
-  return joined;
-}
-
 /// The quoted name of the port group's virtual switch; empty where the look-up fails.
 std::string switchName(const std::string& portGroup) {
   try {
@@ -71,29 +64,6 @@ std::string switchName(const std::string& portGroup) {
     return {};
   }
 }
-
-/// Reads an observation's arguments in order; one failed read fails all.
-class Arguments {
- public:
-  explicit Arguments(const Kel* observation) : observation_(observation) {}
-
-  std::string text() {
-    const char* value = nullptr;
-    failed_ |= Kel_GetStringArg(observation_, next_++, &value) != 0;
-    return value != nullptr ? value : "";
-  }
-  std::int32_t integer() {
-    std::int64_t value = 0;
-    failed_ |= Kel_GetIntArg(observation_, next_++, &value) != 0;
-    return static_cast<std::int32_t>(value);
-  }
-  [[nodiscard]] bool failed() const { return failed_; }
-
- private:
-  const Kel* observation_;
-  unsigned next_ = 0;
-  bool failed_ = false;
-};
 
 std::optional<std::string> readNic(const Kel* observation) {
   Arguments arguments(observation);
@@ -218,10 +188,6 @@ void NetCorrelator::clearFlag(std::uint32_t flag, const std::string& nic) {
   if (isSet(flag, nic)) pendingFlags_[nic] &= ~flag;
 }
 
-std::int64_t NetCorrelator::nowSeconds() const {
-  return services_.clock.wallSeconds().time_since_epoch().count();
-}
-
 void NetCorrelator::arm(std::uint32_t seconds, std::int64_t now) {
   services_.timers.set(timer_, TimerMode::oneShot, seconds);
   armedAt_ = now;
@@ -229,7 +195,7 @@ void NetCorrelator::arm(std::uint32_t seconds, std::int64_t now) {
 }
 
 void NetCorrelator::schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic) {
-  const std::int64_t now = nowSeconds();
+  const std::int64_t now = services_.nowSeconds();
   pendingFlags_[nic] |= flag;
   if (pendingTimers_.empty()) {
     arm(timeoutSeconds, now);
@@ -299,7 +265,7 @@ void NetCorrelator::watchdogTimeout(const Kel* observation) {
 
 void NetCorrelator::expire() {
   if (pendingTimers_.empty()) return;
-  const std::int64_t now = nowSeconds();
+  const std::int64_t now = services_.nowSeconds();
   std::optional<std::int64_t> next;
   for (auto nic = pendingTimers_.begin(); nic != pendingTimers_.end();) {
     std::vector<PendingTimer>& records = nic->second;

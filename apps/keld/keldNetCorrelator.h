@@ -68,7 +68,6 @@ class NetCorrelator {
 
   [[nodiscard]] bool isSet(std::uint32_t flags, const std::string& nic) const;
   void clearFlag(std::uint32_t flag, const std::string& nic);
-  [[nodiscard]] std::int64_t nowSeconds() const;
   void arm(std::uint32_t seconds, std::int64_t now);
   void schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic);
 

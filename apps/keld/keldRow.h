@@ -96,13 +96,14 @@ struct Row {
   std::string_view text;  ///< a marked template, NUL-terminated
   std::string_view fill;  ///< fill[n] is the argument that fills placeholder n
   VProbKind kind;
-  /// Logged, with the status, where argument n cannot be read by index; the table's wording without.
+  /// Logged, with the status, where argument n cannot be read by index, or the one reading of all
+  /// fails; the table's wording without.
   std::span<const char* const> unreadable;
 
   consteval Row(std::string_view o, std::string_view r, VProbKind k, std::string_view t, std::string_view f = kInOrder,
                 std::span<const char* const> u = {})
       : observation(o), read(r), text(t), fill(f), kind(k), unreadable(u) {
-    if (!u.empty() && (r.find('%') != std::string_view::npos || u.size() != r.size())) wording_without_argument();
+    if (!u.empty() && u.size() != (r.find('%') != std::string_view::npos ? 1 : r.size())) wording_without_argument();
     checkMarked(k, t);
     for (std::size_t n = 0; conversion(eventMessage(t), 's', n) != Arg::none; ++n) {
       const Arg want = conversion(eventMessage(t), 's', n);
@@ -123,6 +124,13 @@ consteval std::array<Row, N> table(std::string_view group, const Row (&rows)[N])
     }
   }
   return std::to_array(rows);
+}
+
+/// The rows of several tables of one correlator, in their order.
+template <std::size_t... kN>
+constexpr auto joinTables(const std::array<Row, kN>&... tables) {
+  return std::apply([](const auto&... rows) { return std::array<Row, sizeof...(rows)>{rows...}; },
+                    std::tuple_cat(tables...));
 }
 
 /// A marked template for the catalogue.

@@ -1,0 +1,87 @@
+// The hold-offs of repeated reports. They differ on purpose, and are not to be merged: each answers
+// another question about a repetition.
+//
+// All count in seconds of the host's clock and take the moment as an argument. When that clock is set
+// back, they stay silent until it has made up the time. Used by one thread at a time.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace keld {
+
+/// At most one report an hour, counted from the last one, for each identifier.
+class HourlyHoldOff {
+ public:
+  static constexpr std::int64_t kPeriodSeconds = 3600;
+
+  /// True where `id` may be reported at second `now`; changes nothing that a later call would notice.
+  [[nodiscard]] bool allows(const std::string& id, std::int64_t now) { return now - lastPosted_[id] >= kPeriodSeconds; }
+  /// Begins the hour of `id`.
+  void posted(const std::string& id, std::int64_t now) { lastPosted_[id] = now; }
+  /// Lets the next report of `id` pass however soon it comes.
+  void rearm(const std::string& id) { lastPosted_[id] = 0; }
+
+ private:
+  std::map<std::string, std::int64_t> lastPosted_;
+};
+
+/// Counts the crashes of each application and reminds of them: the first is reported at once, later
+/// ones at most once in ten hours, with the count so far. Applications are never forgotten.
+class CrashReminder {
+ public:
+  static constexpr std::int64_t kReminderSeconds = 36000;
+
+  /// Counts a crash of `application` at second `now`. Returns the count where it is to be reported,
+  /// else 0.
+  std::uint32_t crashed(std::string_view application, std::int64_t now) {
+    const auto known = crashes_.find(application);
+    if (known == crashes_.end()) {
+      crashes_.emplace(application, Crashes{now, now, 1});
+      return 1;
+    }
+    Crashes& crashes = known->second;
+    ++crashes.count;
+    if (now - crashes.lastReported < kReminderSeconds) return 0;
+    crashes.lastReported = now;
+    return crashes.count;
+  }
+
+ private:
+  struct Crashes {
+    std::int64_t lastReported;
+    std::int64_t firstSeen;
+    std::uint32_t count;
+  };
+  std::map<std::string, Crashes, std::less<>> crashes_;
+};
+
+/// Reports again only after quiet: more than five minutes since the last observation, reported or not.
+class QuietPeriod {
+ public:
+  static constexpr std::int64_t kQuietSeconds = 300;
+
+  /// Notes an observation at second `now`; true where it is to be reported.
+  bool observe(std::int64_t now) {
+    const bool quiet = now - last_ > kQuietSeconds;
+    last_ = now;
+    return quiet;
+  }
+
+ private:
+  std::int64_t last_ = 0;
+};
+
+/// The same for each key by itself; keys are never forgotten.
+class QuietPeriods {
+ public:
+  bool observe(std::string_view key, std::int64_t now) { return periods_[std::string(key)].observe(now); }
+
+ private:
+  std::map<std::string, QuietPeriod> periods_;
+};
+
+}  // namespace keld

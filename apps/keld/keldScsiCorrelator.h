@@ -1,0 +1,36 @@
+// The storage correlator: states and redundancy of paths, frequent path events, and the events of
+// storage devices.
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "keldCorrelator.h"
+#include "keldPathFrequency.h"
+
+namespace keld {
+
+class ScsiCorrelator final : public Correlator {
+ public:
+  explicit ScsiCorrelator(Services& services) : services_(services) {}
+
+  [[nodiscard]] HandlerTable handlers() override;
+
+  /// Handlers of several observations, which they tell apart themselves.
+  void pathAddedOrRemoved(const Kel* observation);
+  void badPath(const Kel* observation);
+
+ private:
+  void pathDown(const Kel* observation);
+  void pathUp(const Kel* observation);
+  void powerOnReset(const Kel* observation);
+  void trackPathStateChange(const std::string& path, PathFrequency::Change change);
+
+  Services& services_;
+  PathFrequency pathStateChanges_;
+  PathFrequency powerOnResets_;
+  /// 1 for a path of a device, by both names put together, that was reported down.
+  std::map<std::string, std::uint32_t> pathDownReported_;
+};
+
+}  // namespace keld
