@@ -32,6 +32,9 @@ struct Table {
   std::string name;
   std::string thread;
 };
+void PrintTo(const Table& table, std::ostream* out) {
+  *out << table.name;
+}
 
 class Rows : public EndToEnd, public testing::WithParamInterface<Table> {
  protected:
@@ -141,7 +144,11 @@ TEST_P(Rows, WithoutTheLastArgumentNothingIsPostedAndTheWholeObservationAfterItS
   expectNothingElse();
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Rows, testing::Values(Table{"net", "netCorrelator"}),
+INSTANTIATE_TEST_SUITE_P(Of, Rows,
+                         testing::Values(Table{"net", "netCorrelator"}, Table{"scsi", "scsiCorrelator"},
+                                         Table{"apd", "APDCorrelator"}, Table{"iscsi", "iscsiCorrelator"},
+                                         Table{"vscsi", "vscsiCorrelator"}, Table{"clock", "ClockCorrelator"},
+                                         Table{"sched", "schedCorrelator"}),
                          [](const testing::TestParamInfo<Table>& table) { return table.param.name; });
 
 }  // namespace
