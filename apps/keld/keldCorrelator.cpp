@@ -6,8 +6,8 @@ namespace keld {
 
 std::span<const CorrelatorInfo* const> correlators() {
   static constexpr const CorrelatorInfo* kCorrelators[] = {
-      &kNetCorrelator,   &kScsiCorrelator,  &kApdCorrelator,   &kIscsiCorrelator,
-      &kClockCorrelator, &kSchedCorrelator, &kVscsiCorrelator,
+      &kNetCorrelator,      &kScsiCorrelator,  &kApdCorrelator,   &kIscsiCorrelator, &kCvfsCorrelator,
+      &kHardwareCorrelator, &kClockCorrelator, &kSchedCorrelator, &kVscsiCorrelator,
   };
   return kCorrelators;
 }
