@@ -1,7 +1,10 @@
 #include "host/describe.h"
 
 #include <array>
+#include <cstdint>
+#include <map>
 #include <string>
+#include <vector>
 
 #include "host/files.h"
 #include "host/host.h"
@@ -57,6 +60,69 @@ Json describePortGroups(const Host& host) {
   return all;
 }
 
+template <typename T>
+Json valueOrMissing(const Answer<T>& answer) {
+  return answer.ok() ? Json(answer.value) : missing(answer.outcome);
+}
+
+Json describePartition(const Host& host, const std::string& device, std::uint32_t number) {
+  Json partition{{"number", number}};
+  const Answer<std::string> volume = host.volumeOfPartition(device, number);
+  if (volume.ok()) {
+    partition["volume"] = volume.value;
+  } else {
+    partition.update(missing(volume.outcome));
+  }
+  return partition;
+}
+
+Json describeDevices(const Host& host) {
+  const Answer<std::map<std::string, StorageDevice>> devices = host.storageDevices();
+  if (!devices.ok()) return missing(devices.outcome);
+  Json all = Json::object();
+  for (const auto& [name, device] : devices.value) {
+    Json shown = Json::object();
+    if (device.redundancyState) shown["redundancyState"] = *device.redundancyState;
+    shown["disk"] = device.disk;
+    shown["partitions"] = Json::array();
+    for (const std::uint32_t number : device.partitions) {
+      shown["partitions"].push_back(describePartition(host, name, number));
+    }
+    all[name] = std::move(shown);
+  }
+  return all;
+}
+
+Json describeStorage(const Host& host) {
+  const Answer<std::map<std::string, std::string>> paths = host.storagePaths();
+  Json storage{{"paths", valueOrMissing(paths)}, {"devices", describeDevices(host)}};
+  if (const Outcome volumes = host.openVolumes(); !volumes.ok()) storage["volumes"] = missing(volumes);
+  return storage;
+}
+
+Json describeVms(const Host& host) {
+  const Answer<std::vector<VmIdentity>> vms = host.vms();
+  if (!vms.ok()) return missing(vms.outcome);
+  Json all = Json::array();
+  for (const VmIdentity& vm : vms.value) {
+    all.push_back({{"worldId", vm.worldId}, {"groupId", vm.groupId}, {"name", vm.name}});
+  }
+  return all;
+}
+
+Json describeCpu(const Host& host) {
+  const Answer<CpuCounts> counts = host.cpuCounts();
+  const auto shown = [&](std::uint32_t count) { return counts.ok() ? Json(count) : missing(counts.outcome); };
+  return {{"vendor", valueOrMissing(host.cpuVendor())},
+          {"cores", shown(counts.value.cores)},
+          {"pcpus", shown(counts.value.pcpus)},
+          {"offlineEnabled", valueOrMissing(host.cpuOfflineEnabled())}};
+}
+
+Json describePageRetire(const Host& host) {
+  return {{"threshold", valueOrMissing(host.pageRetireThreshold())}};
+}
+
 /// Null, and so left out, where the host is no model.
 Json describeModel(const Host& host) {
   const auto* const modelHost = dynamic_cast<const ModelHost*>(&host);
@@ -70,12 +136,16 @@ struct Section {
   Json (*describe)(const Host& host);
 };
 
-constexpr std::array<Section, 6> kSections{{
+constexpr std::array<Section, 10> kSections{{
     {"host", [](const Host& host) { return Json(host.describe()); }},
     {"kernel", describeKernel},
     {"system", describeSystem},
     {"options", describeOptions},
     {"portGroups", describePortGroups},
+    {"storage", describeStorage},
+    {"vms", describeVms},
+    {"cpu", describeCpu},
+    {"pageRetire", describePageRetire},
     {"model", describeModel},
 }};
 

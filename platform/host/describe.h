@@ -6,9 +6,10 @@
 namespace platform {
 
 /// Everything the host in force says, section by section: "host", "kernel", "system", "options",
-/// "portGroups", and what a model file holds beyond these under "model". What cannot be had is an
-/// object {"error": reason, "status": n} in its place. Throws std::invalid_argument where KORVEL_HOST
-/// names no host.
+/// "portGroups", "storage", "vms", "cpu", "pageRetire", and what a model file holds beyond these under
+/// "model". What cannot be had is an object {"error": reason, "status": n} in its place; in a
+/// partition, these stand where "volume" would. Throws std::invalid_argument where KORVEL_HOST names
+/// no host.
 nlohmann::ordered_json describeHost();
 
 }  // namespace platform

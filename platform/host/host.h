@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <variant>
 #include <vector>
 
 namespace platform {
@@ -73,6 +74,24 @@ struct PortGroupFacts {
   std::string virtualSwitch;
   std::vector<std::string> uplinks;  ///< NICs that serve it; empty where the host does not say
 };
+
+// The actions of a host with what they are given, as Host's methods of these names take it.
+struct NicDown {
+  std::string nic;
+};
+struct CpuOffline {
+  std::int64_t cpu = 0;
+};
+struct PageRetire {
+  std::uint64_t page = 0;
+  std::int64_t count = 1;
+  std::string mode;
+};
+struct VmKill {
+  std::int64_t worldId = 0;
+};
+struct SwapReconfigure {};
+using Action = std::variant<NicDown, CpuOffline, PageRetire, VmKill, SwapReconfigure>;
 
 /// Facts and actions of one host. Every method may be called from any thread.
 class Host {
@@ -148,6 +167,10 @@ class Host {
   virtual Outcome vmKill(std::int64_t worldId) = 0;
   /// Places system swap anew.
   virtual Outcome swapReconfigure() = 0;
+
+  /// What an action would do at this moment, in one line, or why it would fail. Nothing is done and
+  /// nothing recorded.
+  [[nodiscard]] virtual Answer<std::string> plan(const Action& action) const = 0;
 
   /// Provoked or real trouble of what is kept: "store.create" and "store.write" of the configuration
   /// store, "option.set" of an option.

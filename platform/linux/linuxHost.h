@@ -3,23 +3,17 @@
 #pragma once
 
 #include <memory>
-#include <string>
 
 #include "host/host.h"
+#include "linux/linuxRoots.h"
 #include "linux/netlinkSocket.h"
 
 namespace platform {
 
-/// Where the kernel's and the system's files are; elsewhere for tests.
-struct LinuxRoots {
-  std::string sys = "/sys";
-  std::string proc = "/proc";
-  std::string etc = "/etc";
-};
-
 /// Context that the links channel feeds; the others have no channel and take injected observations.
 inline constexpr std::uint32_t kLinksContext = 1;
 
-std::unique_ptr<Host> makeLinuxHost(LinuxRoots roots = {}, std::shared_ptr<Netlink> netlink = makeKernelNetlink());
+std::unique_ptr<Host> makeLinuxHost(const LinuxRoots& roots = {},
+                                    std::shared_ptr<Netlink> netlink = makeKernelNetlink());
 
 }  // namespace platform

@@ -19,8 +19,11 @@ using Line = nlohmann::ordered_json;
 
 constexpr const char* kUnknownBuild = "unknown";
 
-Outcome recordAction(const Line& line) {
-  const std::string text = line.dump(-1, ' ', false, Line::error_handler_t::replace);
+std::string textOf(const Line& line) {
+  return line.dump(-1, ' ', false, Line::error_handler_t::replace);
+}
+
+Outcome recordAction(const std::string& text) {
   const std::string path = runDirectory() + "/host-actions.jsonl";
   const int status = appendLine(path, text);
   if (status == 0) return {};
@@ -51,6 +54,27 @@ StorageDevice factsOf(const ModelDevice& device) {
   StorageDevice facts{device.redundancyState, device.disk, {}};
   for (const ModelPartition& partition : device.partitions) facts.partitions.push_back(partition.number);
   return facts;
+}
+
+Answer<Line> lineOf(const NicDown& asked, const ModelFile&) {
+  return {{}, {{"action", "nic.down"}, {"nic", asked.nic}}};
+}
+
+Answer<Line> lineOf(const CpuOffline& asked, const ModelFile&) {
+  return {{}, {{"action", "cpu.offline"}, {"cpu", asked.cpu}}};
+}
+
+Answer<Line> lineOf(const PageRetire& asked, const ModelFile&) {
+  return {{}, {{"action", "page.retire"}, {"page", asked.page}, {"count", asked.count}, {"mode", asked.mode}}};
+}
+
+Answer<Line> lineOf(const VmKill& asked, const ModelFile& model) {
+  const Answer<VmIdentity> vm = firstVm(model, &VmIdentity::worldId, asked.worldId);
+  return {vm.outcome, {{"action", "vm.kill"}, {"worldId", asked.worldId}, {"name", vm.value.name}}};
+}
+
+Answer<Line> lineOf(const SwapReconfigure&, const ModelFile&) {
+  return {{}, {{"action", "swap.reconfigure"}}};
 }
 
 Answer<std::string> nameOf(Answer<VmIdentity> vm) {
@@ -126,7 +150,7 @@ std::vector<std::string> ModelHost::optionNames() const {
 
 void ModelHost::optionWasSet(const std::string& name, std::int64_t value) {
   // The value is stored already, so a line that cannot be written is mentioned in the log only.
-  (void)recordAction({{"action", "option.set"}, {"option", name}, {"value", value}});
+  (void)recordAction(textOf({{"action", "option.set"}, {"option", name}, {"value", value}}));
 }
 
 Answer<PortGroupFacts> ModelHost::portGroup(const std::string& name) const {
@@ -243,47 +267,38 @@ Answer<std::uint32_t> ModelHost::pageStatus(std::uint64_t page) const {
 }
 
 Outcome ModelHost::nicDown(const std::string& nic) {
-  return query<bool>("nic.down",
-                     [&](const ModelFile&) {
-                       return Answer<bool>{recordAction({{"action", "nic.down"}, {"nic", nic}}), true};
-                     })
-      .outcome;
+  return act(NicDown{nic});
 }
 
 Outcome ModelHost::cpuOffline(std::int64_t cpu) {
-  return query<bool>("cpu.offline",
-                     [&](const ModelFile&) {
-                       return Answer<bool>{recordAction({{"action", "cpu.offline"}, {"cpu", cpu}}), true};
-                     })
-      .outcome;
+  return act(CpuOffline{cpu});
 }
 
 Outcome ModelHost::pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode) {
-  return query<bool>("page.retire",
-                     [&](const ModelFile&) {
-                       const Line line{{"action", "page.retire"}, {"page", page}, {"count", count}, {"mode", mode}};
-                       return Answer<bool>{recordAction(line), true};
-                     })
-      .outcome;
+  return act(PageRetire{page, count, mode});
 }
 
 Outcome ModelHost::vmKill(std::int64_t worldId) {
-  return query<bool>("vm.kill",
-                     [&](const ModelFile& model) -> Answer<bool> {
-                       const Answer<VmIdentity> vm = firstVm(model, &VmIdentity::worldId, worldId);
-                       if (!vm.ok()) return {vm.outcome, false};
-                       const Line line{{"action", "vm.kill"}, {"worldId", worldId}, {"name", vm.value.name}};
-                       return {recordAction(line), true};
-                     })
-      .outcome;
+  return act(VmKill{worldId});
 }
 
 Outcome ModelHost::swapReconfigure() {
-  return query<bool>("swap.reconfigure",
-                     [](const ModelFile&) {
-                       return Answer<bool>{recordAction({{"action", "swap.reconfigure"}}), true};
-                     })
-      .outcome;
+  return act(SwapReconfigure{});
+}
+
+Answer<std::string> ModelHost::plan(const Action& action) const {
+  const Answer<ModelFile> model = read();
+  if (!model.ok()) return {model.outcome, {}};
+  const Answer<Line> line = std::visit([&](const auto& asked) { return lineOf(asked, model.value); }, action);
+  // What the model makes fail fails, whatever it is given.
+  if (Outcome failure = model.value.failureOf(line.value.at("action")); !failure.ok()) return {std::move(failure), {}};
+  if (!line.ok()) return {line.outcome, {}};
+  return {{}, textOf(line.value)};
+}
+
+Outcome ModelHost::act(const Action& action) const {
+  const Answer<std::string> line = plan(action);
+  return line.ok() ? recordAction(line.value) : line.outcome;
 }
 
 }  // namespace platform

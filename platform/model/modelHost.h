@@ -62,8 +62,11 @@ class ModelHost : public Host {
   Outcome pageRetire(std::uint64_t page, std::int64_t count, const std::string& mode) override;
   Outcome vmKill(std::int64_t worldId) override;
   Outcome swapReconfigure() override;
+  /// The line that the action would append.
+  [[nodiscard]] Answer<std::string> plan(const Action& action) const override;
 
  private:
+  Outcome act(const Action& action) const;
   template <typename T, typename Find>
   [[nodiscard]] Answer<T> query(const std::string& operation, const Find& find) const;
 

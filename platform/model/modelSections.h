@@ -7,8 +7,8 @@
 
 namespace platform {
 
-/// The sections that no other query of a host shows: storage, vms, cpu, pageRetire, datastorePaths
-/// and failures, each with what the file says.
+/// What no query of a host lists: the pages' status, datastorePaths and failures, each with what the
+/// file says.
 nlohmann::ordered_json modelSections(const ModelFile& model);
 
 }  // namespace platform

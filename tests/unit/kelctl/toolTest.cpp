@@ -89,6 +89,16 @@ TEST_F(ToolTest, WrongUsageHasItsOwnStatusAndSaysSoInOneLine) {
                              {"option", "get", "AB"},
                              {"option", "nope"},
                              {"host", "--nope"},
+                             {"host", "--dry-run"},
+                             {"host", "--dry-run", ""},
+                             {"host", "--dry-run", "nic.down"},
+                             {"host", "--dry-run", "nic.down:"},
+                             {"host", "--dry-run", "cpu.offline:-1"},
+                             {"host", "--dry-run", "page.retire:0x10000000000000000"},
+                             {"host", "--dry-run", "vm.kill:web01"},
+                             {"host", "--dry-run", "swap.reconfigure:now"},
+                             {"host", "--dry-run", "option.set:A/b"},
+                             {"host", "--json", "--dry-run", "swap.reconfigure"},
                              {"catalog", "--json", "--markdown"}}) {
     const Result result = run(words);
     EXPECT_EQ(result.status, kUsage) << testing::PrintToString(words);
@@ -148,6 +158,34 @@ TEST_F(ToolTest, TheHostIsShownAsTextAndAsJson) {
   EXPECT_EQ(text.status, kDone);
   EXPECT_TRUE(text.out.starts_with("host: model:")) << text.out;
   EXPECT_TRUE(run({"host", "--json"}).out.starts_with("{\n  \"host\": \"model:"));
+}
+
+TEST_F(ToolTest, ADryRunPrintsTheActionsLineAndDoesNothing) {
+  std::ofstream(directory_ / "host.json") << R"({"vms": [{"worldId": 4711, "name": "web01"}]})";
+  const std::pair<const char*, const char*> lines[] = {
+      {"nic.down:vmnic0", R"({"action":"nic.down","nic":"vmnic0"})"},
+      {"cpu.offline:3", R"({"action":"cpu.offline","cpu":3})"},
+      {"page.retire:0x1234", R"({"action":"page.retire","page":4660,"count":1,"mode":"NiceRetire"})"},
+      {"vm.kill:4711", R"({"action":"vm.kill","worldId":4711,"name":"web01"})"},
+      {"swap.reconfigure", R"({"action":"swap.reconfigure"})"}};
+  for (const auto& [action, line] : lines) {
+    const Result planned = run({"host", "--dry-run", action});
+    EXPECT_EQ(planned.status, kDone) << planned.error;
+    EXPECT_EQ(planned.out, std::string(line) + "\n");
+  }
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "host-actions.jsonl"));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "audit.jsonl"));
+}
+
+TEST_F(ToolTest, ADryRunSaysInOneLineWhyAnActionWouldFail) {
+  std::ofstream(directory_ / "host.json") << R"({"failures": {"swap.reconfigure": "no\nswap"}})";
+  const Result swap = run({"host", "--dry-run", "swap.reconfigure"});
+  EXPECT_EQ(swap.status, kFailed);
+  EXPECT_EQ(swap.out, "");
+  EXPECT_EQ(swap.error, "kelctl: swap.reconfigure would fail: no\\nswap\n");
+  const Result vm = run({"host", "--dry-run", "vm.kill:4711"});
+  EXPECT_EQ(vm.status, kFailed);
+  EXPECT_EQ(vm.error, "kelctl: vm.kill:4711 would fail: the model has no such VM\n");
 }
 
 TEST_F(ToolTest, EventsEndsWhenItsTimeIsOver) {

@@ -2,6 +2,7 @@
 
 #include <gmock/gmock.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -37,8 +38,12 @@ class LinuxHostTest : public testing::Test {
     directory_ = pattern;
     ::setenv("KORVEL_CONF_DIR", (directory_ + "/conf").c_str(), 1);
     ::setenv("KORVEL_STATE_DIR", (directory_ + "/state").c_str(), 1);
-    host_ =
-        platform::makeLinuxHost(LinuxRoots{directory_ + "/sys", directory_ + "/proc", directory_ + "/etc"}, netlink_);
+    host_ = platform::makeLinuxHost(LinuxRoots{.sys = directory_ + "/sys",
+                                               .proc = directory_ + "/proc",
+                                               .etc = directory_ + "/etc",
+                                               .dev = directory_ + "/dev",
+                                               .run = directory_ + "/run"},
+                                    netlink_);
   }
   ~LinuxHostTest() override {
     ::unsetenv("KORVEL_CONF_DIR");
@@ -136,10 +141,59 @@ TEST_F(LinuxHostTest, FailsForAPortGroupThatIsNotThereAndWhereTheKernelFails) {
   EXPECT_EQ(host_->portGroups().outcome.status, EAFNOSUPPORT);
 }
 
-TEST_F(LinuxHostTest, KnowsNoVms) {
-  const auto name = host_->vmNameOfGroup(12);
-  EXPECT_EQ(name.outcome.status, ENOTSUP);
-  EXPECT_THAT(name.outcome.text, HasSubstr("12"));
+TEST_F(LinuxHostTest, SaysWhatTheMachineLacks) {
+  const auto lacks = [](const platform::Outcome& outcome) {
+    EXPECT_EQ(outcome.status, ENOTSUP);
+    EXPECT_THAT(outcome.text, testing::StartsWith("not available: "));
+  };
+  lacks(host_->storagePaths().outcome);
+  lacks(host_->storageDevices().outcome);
+  lacks(host_->deviceOfPath("sda").outcome);
+  lacks(host_->storageDevice("sda").outcome);
+  lacks(host_->volumeOfPartition("sda", 1).outcome);
+  lacks(host_->openVolumes());
+  lacks(host_->datastorePath("/a/b").outcome);
+  lacks(host_->vms().outcome);
+  lacks(host_->vmName(12).outcome);
+  lacks(host_->vmNameOfGroup(12).outcome);
+  lacks(host_->vmByWorldId(12).outcome);
+  lacks(host_->cpuVendor().outcome);
+  lacks(host_->cpuCounts().outcome);
+  lacks(host_->cpuOfflineEnabled().outcome);
+  lacks(host_->pageStatus(1).outcome);
+  lacks(host_->pageRetire(1, 1, "NiceRetire"));
+  lacks(host_->swapReconfigure());
+  EXPECT_EQ(host_->cpuOffline(0).status, ENODEV);
+  lacks(host_->vmKill(12));
+  EXPECT_THAT(audit(), IsEmpty());
+}
+
+TEST_F(LinuxHostTest, KillsNoRealProcessThatARecordedTreeNumbers) {
+  const std::string self = std::to_string(::getpid());
+  write("proc/" + self + "/comm", "qemu-system-x86\n");
+  write("proc/" + self + "/cmdline", std::string("qemu-system-x86_64\0-name\0web01\0", 32));
+  ASSERT_EQ(host_->vmName(::getpid()).value, "web01");
+  EXPECT_EQ(host_->vmNameOfGroup(::getpid()).value, "web01");
+  EXPECT_EQ(host_->vmKill(::getpid()).status, ENOTSUP);
+  EXPECT_THAT(audit(), IsEmpty());
+}
+
+TEST_F(LinuxHostTest, PlansWithoutDoingOrRecording) {
+  write("sys/devices/system/cpu/cpu1/online", "1\n");
+  write("sys/devices/system/cpu/online", "0-1\n");
+  write("sys/devices/system/memory/soft_offline_page", "");
+  answerLinks();
+  EXPECT_EQ(host_->plan(platform::NicDown{"nic1"}).value, "set NIC nic1 (link 2) down through rtnetlink");
+  EXPECT_EQ(host_->plan(platform::CpuOffline{1}).value,
+            "write \"0\" to " + directory_ + "/sys/devices/system/cpu/cpu1/online");
+  EXPECT_EQ(host_->plan(platform::PageRetire{0x1234, 1, "NiceRetire"}).value,
+            "write \"0x1234000\" to " + directory_ + "/sys/devices/system/memory/soft_offline_page");
+  answerLinks();
+  EXPECT_EQ(host_->plan(platform::NicDown{"br0"}).outcome.status, EINVAL);
+  EXPECT_EQ(host_->plan(platform::VmKill{12}).outcome.status, ENOTSUP);
+  EXPECT_EQ(host_->plan(platform::SwapReconfigure{}).outcome.status, ENOTSUP);
+  EXPECT_THAT(audit(), IsEmpty());
+  EXPECT_THAT(netlink_->requests, SizeIs(2)) << "questions alone";
 }
 
 TEST_F(LinuxHostTest, RecordsASetOption) {
