@@ -2,6 +2,11 @@
 // log lines and the trace lines that come out.
 #include "rowTable.h"
 
+#include <algorithm>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
 #include "endToEnd.h"
 
 namespace e2e {
@@ -36,12 +41,16 @@ void PrintTo(const Table& table, std::ostream* out) {
   *out << table.name;
 }
 
+std::vector<Row> loadTable(const Table& table) {
+  return support::loadRows(std::string(KELD_TEST_DATA) + "/" + table.name + "-rows.tsv");
+}
+
 class Rows : public EndToEnd, public testing::WithParamInterface<Table> {
  protected:
   void SetUp() override {
     EndToEnd::SetUp();
     if (IsSkipped()) return;
-    rows_ = support::loadRows(std::string(KELD_TEST_DATA) + "/" + GetParam().name + "-rows.tsv");
+    rows_ = loadTable(GetParam());
     workspace().setModel(rows_.front().model);
     agent_ = std::make_unique<EventReceiver>(workspace().eventSocket());
     daemon_ = std::make_unique<Daemon>(workspace());
@@ -144,12 +153,44 @@ TEST_P(Rows, WithoutTheLastArgumentNothingIsPostedAndTheWholeObservationAfterItS
   expectNothingElse();
 }
 
-INSTANTIATE_TEST_SUITE_P(Of, Rows,
-                         testing::Values(Table{"net", "netCorrelator"}, Table{"scsi", "scsiCorrelator"},
-                                         Table{"apd", "APDCorrelator"}, Table{"iscsi", "iscsiCorrelator"},
-                                         Table{"vscsi", "vscsiCorrelator"}, Table{"clock", "ClockCorrelator"},
-                                         Table{"sched", "schedCorrelator"}),
+const std::vector<Table>& tables() {
+  static const std::vector<Table> kTables{{"net", "netCorrelator"},     {"scsi", "scsiCorrelator"},
+                                          {"apd", "APDCorrelator"},     {"iscsi", "iscsiCorrelator"},
+                                          {"vscsi", "vscsiCorrelator"}, {"clock", "ClockCorrelator"},
+                                          {"sched", "schedCorrelator"}};
+  return kTables;
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, Rows, testing::ValuesIn(tables()),
                          [](const testing::TestParamInfo<Table>& table) { return table.param.name; });
+
+class RowTables : public EndToEnd {};
+
+TEST_F(RowTables, HoldEveryObservationOfTheCatalogueAndNoEventThatItLacks) {
+  const Outcome catalogue = run(workspace(), KELCTL_PROGRAM, {"catalog", "--json"});
+  ASSERT_TRUE(catalogue.ending.with(0)) << catalogue.error;
+  std::map<std::string, std::map<std::string, std::set<std::string>>> listed;  // by thread and observation
+  for (const auto& entry : nlohmann::json::parse(catalogue.output)) {
+    auto& events = listed[entry["correlator"].get<std::string>() + "Correlator"][entry["observation"]];
+    for (const auto& event : entry["events"]) events.insert(event["event"].get<std::string>());
+  }
+  for (const Table& table : tables()) {
+    SCOPED_TRACE(table.name);
+    const auto& observations = listed[table.thread];
+    std::set<std::string> held;
+    for (const Row& row : loadTable(table)) {
+      held.insert(row.id);
+      if (!row.posts()) continue;
+      const bool known = std::any_of(observations.begin(), observations.end(),
+                                     [&](const auto& entry) { return entry.second.count(row.event) != 0; });
+      EXPECT_TRUE(known) << row.event;
+    }
+    // What the network correlator makes of its uplinks is no table.
+    if (table.name == "net") continue;
+    EXPECT_FALSE(observations.empty());
+    for (const auto& entry : observations) EXPECT_TRUE(held.count(entry.first)) << entry.first;
+  }
+}
 
 }  // namespace
 }  // namespace e2e

@@ -33,11 +33,10 @@ class Story : public EndToEnd {
   void expectNotReached(const std::string& source, int line);
 
   [[nodiscard]] std::size_t received() const { return agent_->count(); }
-
- private:
-  friend class ShiftedStory;
+  /// Makes receiver and daemon, where the daemon is to be changed before begin().
   void make();
 
+ private:
   std::unique_ptr<EventReceiver> agent_;
   std::unique_ptr<Daemon> daemon_;
   std::unique_ptr<Emitter> emitter_;
