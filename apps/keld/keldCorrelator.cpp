@@ -6,8 +6,10 @@ namespace keld {
 
 std::span<const CorrelatorInfo* const> correlators() {
   static constexpr const CorrelatorInfo* kCorrelators[] = {
-      &kNetCorrelator,      &kScsiCorrelator,  &kApdCorrelator,   &kIscsiCorrelator, &kCvfsCorrelator,
-      &kHardwareCorrelator, &kClockCorrelator, &kSchedCorrelator, &kVscsiCorrelator,
+      &kNetCorrelator,      &kScsiCorrelator,       &kApdCorrelator,       &kIscsiCorrelator, &kCvfsCorrelator,
+      &kHardwareCorrelator, &kCpuCorrelator,        &kUserWorldCorrelator, &kSwapCorrelator,  &kVmCorrelator,
+      &kMigrateCorrelator,  &kPageRetireCorrelator, &kMemfsCorrelator,     &kVfatCorrelator,  &kClockCorrelator,
+      &kSchedCorrelator,    &kVscsiCorrelator,
   };
   return kCorrelators;
 }

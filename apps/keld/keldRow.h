@@ -149,9 +149,17 @@ struct Event : EventInfo {
     if (conversion(eventMessage(t), 's', n) != Arg::none) placeholder_without_argument();
   }
 
-  void post(Post& out, A... arguments) const { out.VProb_Post(false, kind, text.data(), arguments...); }
+// An event's text is checked while it is compiled.
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-security"
+  void post(Post& out, A... arguments) const {
+    out.VProb_Post(false, kind, text.data(), arguments...);
+  }
   /// For an event whose receiver is known to be gone.
-  void postQueueOnly(Post& out, A... arguments) const { out.VProb_Post(true, kind, text.data(), arguments...); }
+  void postQueueOnly(Post& out, A... arguments) const {
+    out.VProb_Post(true, kind, text.data(), arguments...);
+  }
+#pragma GCC diagnostic pop
 
  private:
   template <typename T>

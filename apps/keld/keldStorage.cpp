@@ -90,4 +90,8 @@ std::optional<std::string> GetAffectedDatastores(const std::string& device) {
   return quoteJoin(names);
 }
 
+std::string datastoreForm(const char* path) {
+  return HostCtl::HostFactory::GetHost().GetStorageInfo().GetDatastorePath(path != nullptr ? path : "");
+}
+
 }  // namespace keld

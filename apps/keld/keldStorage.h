@@ -1,4 +1,4 @@
-// What the storage correlator asks the host.
+// What correlators ask the host about its storage.
 #pragma once
 
 #include <cstdint>
@@ -18,5 +18,8 @@ std::optional<std::uint32_t> pathRedundancyState(const std::string& device);
 /// The names of the datastores on a device's partitions, in quotes, each once. Nothing where the
 /// look-up fails or finds none.
 std::optional<std::string> GetAffectedDatastores(const std::string& device);
+
+/// A path of a file system in the form that names its datastore; as it is where none is known.
+std::string datastoreForm(const char* path);
 
 }  // namespace keld

@@ -73,7 +73,7 @@ TEST(Catalog, EventsNamesBeginWithTheirKind) {
 }
 
 TEST(Catalog, CanBeLimitedByGlobs) {
-  const std::vector<CatalogEntry> entries = catalog({"*.heap.*", "kel.net.lacp.?nable"});
+  const std::vector<CatalogEntry> entries = catalog({"*.heap.below*", "kel.net.lacp.?nable"});
   ASSERT_EQ(entries.size(), 2U);
   EXPECT_NE(find(entries, "kel.net.lacp.enable"), nullptr);
   EXPECT_NE(find(entries, "kel.net.heap.belowthreshold"), nullptr);

@@ -1,0 +1,68 @@
+#include "keldInjectionLog.h"
+
+#include <algorithm>
+
+namespace keld {
+
+void InjectionLog::expire(std::int64_t now) {
+  while (!byTime_.empty() && byTime_.begin()->first + kKeepSeconds < now) {
+    drop(byTime_.begin()->second);
+    byTime_.erase(byTime_.begin());
+  }
+}
+
+void InjectionLog::drop(const Place& place) {
+  const auto machine = machines_.find(place.world);
+  const auto run = machine->second.runs.find(place.page);
+  run->second.sorted.erase(run->second.sorted.find(*place.time));
+  run->second.times.erase(place.time);
+  if (!isRepeated(run->second)) repeated_.erase({place.world, place.page});
+  if (run->second.times.empty()) machine->second.runs.erase(run);
+  if (machine->second.runs.empty()) machines_.erase(machine);
+}
+
+void InjectionLog::add(World world, Page page, std::int64_t now) {
+  Run& run = machines_[world].runs[page];
+  run.times.push_back(now);
+  run.sorted.insert(now);
+  byTime_.emplace(now, Place{world, page, std::prev(run.times.end())});
+  if (isRepeated(run)) repeated_.emplace(world, page);
+}
+
+std::vector<InjectionLog::Repeated> InjectionLog::repeated() const {
+  std::vector<Repeated> all;
+  for (const auto& [world, page] : repeated_) {
+    const Machine& machine = machines_.at(world);
+    if (!machine.killed) all.push_back({world, page, injectionsNeeded(machine.runs.at(page))});
+  }
+  return all;
+}
+
+void InjectionLog::setKilled(World world) {
+  const auto machine = machines_.find(world);
+  if (machine != machines_.end()) machine->second.killed = true;
+}
+
+bool InjectionLog::killed(World world) const {
+  const auto machine = machines_.find(world);
+  return machine != machines_.end() && machine->second.killed;
+}
+
+bool InjectionLog::isRepeated(const Run& run) {
+  return run.times.size() >= kMinInjections && *run.sorted.rbegin() - *run.sorted.begin() >= kMinSpreadSeconds;
+}
+
+/// Of a repeated run: how many of its first injections suffice.
+std::size_t InjectionLog::injectionsNeeded(const Run& run) {
+  std::int64_t earliest = run.times.front(), latest = earliest;
+  std::size_t count = 0;
+  for (const std::int64_t time : run.times) {
+    ++count;
+    earliest = std::min(earliest, time);
+    latest = std::max(latest, time);
+    if (count >= kMinInjections && latest - earliest >= kMinSpreadSeconds) break;
+  }
+  return count;
+}
+
+}  // namespace keld

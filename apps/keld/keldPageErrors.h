@@ -1,0 +1,47 @@
+// Corrected errors of physical memory pages in the current counting period, and the options that say
+// when they are too many.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+
+#include "keldTimer.h"
+
+namespace keld {
+
+/// Counts by page number. Two timers of its own clear the counts at the end of each period and look at
+/// the options every minute; the object lives until neither its owner nor a timer needs it. The timers
+/// run on their own thread, everything else is called by the owner's.
+class PageErrors : public std::enable_shared_from_this<PageErrors> {
+ public:
+  static constexpr std::uint32_t kRefreshSeconds = 60;
+  static constexpr std::uint32_t kDefaultThreshold = 2;
+  static constexpr std::uint32_t kDefaultPeriodSeconds = 30;
+  /// More than that a count does not hold.
+  static constexpr std::int32_t kMaxCount = 255;
+
+  /// `timers` outlives the object.
+  static std::shared_ptr<PageErrors> start(Timers& timers);
+
+  /// Adds `errors` (of which the low 32 bits count) to the page's count. True where it is then above
+  /// the threshold. A count that would pass its maximum stays where it was.
+  bool add(std::uint64_t page, std::uint64_t errors);
+
+ private:
+  explicit PageErrors(Timers& timers) : timers_(timers) {}
+  void startTimers();
+  void refreshOptions();
+  void clear();
+
+  Timers& timers_;
+  int periodTimer_ = kNoTimer;  // set before a timer can fire
+  std::atomic<std::uint32_t> threshold_{kDefaultThreshold};
+  std::atomic<std::uint32_t> periodSeconds_{kDefaultPeriodSeconds};
+  std::mutex mutex_;
+  std::map<std::uint64_t, std::uint8_t> counts_;  // guarded by mutex_
+};
+
+}  // namespace keld
