@@ -174,6 +174,15 @@ TEST_F(CvfsScenario, anOfflineExtentWithoutADeviceNameShowsAnEmptyOne) {
                      "be inaccessible.")});
 }
 
+TEST_F(CvfsScenario, otherNullTextsShowAsNull) {
+  driver.observe("kel.cvfs.extent.offline", {s("d"), null()});
+  driver.observe("kel.cvfs.heartbeat.timedout", join({kUuid, {null()}}));
+  const auto events = driver.events();
+  ASSERT_EQ(events.size(), 2U);
+  EXPECT_TRUE(events[0].text.starts_with("An attached device d may be offline. The file system (null) is now"));
+  EXPECT_EQ(events[1].text, std::string(kUuidText) + " (null)");
+}
+
 TEST_F(CvfsScenario, unreadableArgumentsAreDroppedSilently) {
   const scenario::Arguments eightFields(kUuid.begin(), kUuid.end() - 1);
   std::vector<scenario::UnreadableCase> cases = {

@@ -15,6 +15,7 @@ using scenario::diagnostics;
 using scenario::Events;
 using scenario::Lines;
 using support::i;
+using support::null;
 using support::problem;
 using support::s;
 
@@ -133,6 +134,13 @@ TEST_F(MemfsScenario, whatCannotBeReadIsDroppedSilentlyAndHoldsNothingOff) {
   EXPECT_EQ(inodesFull().size(), 1U);
 }
 
+TEST_F(MemfsScenario, nullTextsHarmNothing) {
+  driver.observe("kel.memfs.ramdisk.full", {null(), null()});
+  driver.observe("kel.memfs.ramdisk.inodetable.full", {null(), null(), null(), null()});
+  driver.events();
+  EXPECT_EQ(full().size() + inodesFull().size(), 2U);
+}
+
 TEST_F(MemfsScenario, aClockSetBackIsSilentOnceAndStartsANewPeriod) {
   EXPECT_EQ(full().size() + failure().size(), 2U);
   scenario.clock.correct(scenario.clock.wall() - 24h);
@@ -235,6 +243,12 @@ TEST_F(VfatScenario, whatCannotBeReadIsDroppedSilentlyAndHoldsNothingOff) {
                              {{"kel.vfat.filesystem.full", {s("vol")}, {}},
                               {"kel.vfat.filesystem.full", {i(1), s("uuid-1")}, {}},
                               {"kel.vfat.filesystem.full", {s("vol"), i(1)}, {}}});
+  EXPECT_EQ(full("uuid-1").size(), 1U);
+}
+
+TEST_F(VfatScenario, nullTextsHarmNothing) {
+  driver.observe("kel.vfat.filesystem.full", {null(), null()});
+  driver.events();
   EXPECT_EQ(full("uuid-1").size(), 1U);
 }
 

@@ -12,6 +12,7 @@ using scenario::Events;
 using scenario::Lines;
 using support::audit;
 using support::i;
+using support::null;
 using support::problem;
 using support::s;
 using support::u;
@@ -190,6 +191,18 @@ TEST_F(ProcessScenario, crashesThatCannotBeReadAreNeitherReportedNorCounted) {
   }
   EXPECT_EQ(crash("app"), Events{dumped("app", 1)});
   EXPECT_EQ(dumpFailure("app"), Events{dumpFailed("app", 1)});
+}
+
+TEST_F(ProcessScenario, nullTextsHarmNothing) {
+  for (const char* id : {kDumped, kEncrypted, "kel.uw.core.dumpFailed"}) {
+    driver.observe(id, {null(), i(77), null()});
+    driver.observe(id, {null(), i(77), null(), null()});
+    driver.observe(id, {s("null"), i(77), null(), null()});
+  }
+  driver.observe("kel.uw.secpolicy.domain.level.changed", {null(), i(0), null(), u(9)});
+  driver.observe("kel.uw.secpolicy.alldomains.level.changed", {null(), i(0)});
+  driver.events();
+  EXPECT_EQ(crash("app"), Events{dumped("app", 1)});
 }
 
 TEST_F(ProcessScenario, aDomainThatLeavesEnforcingIsAudited) {

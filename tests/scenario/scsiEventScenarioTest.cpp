@@ -319,6 +319,18 @@ TEST_F(ScsiEvents, anObservationWithoutAnIdentifierIsIgnoredSilently) {
   EXPECT_EQ(scenario.log.take(), Lines{});
 }
 
+TEST_F(ScsiEvents, aNullDeviceHasNoDatastoresAndHarmsNothing) {
+  device(R"({"disk":true,"partitions":[{"number":1,"volume":"a"}]})");
+  for (const auto& row : datastoreRows("")) driver.observe(row.id, {null()});
+  driver.observe("kel.scsi.scsipath.badpath.unreachpe", {null(), i(1)});
+  driver.observe("kel.scsi.scsipath.por", {null()});
+  driver.observe("kel.scsi.scsipath.add", {null()});
+  driver.observe("kel.scsi.scsipath.remove", {null()});
+  driver.events();
+  diagnostics(scenario);
+  scenario::expectRows(scenario, driver, datastoreRows(R"("a")"));
+}
+
 TEST_F(ScsiEvents, aNullTextShowsAsNull) {
   driver.observe("kel.scsi.device.state.off", {null()});
   EXPECT_EQ(driver.events(), Events{problem("orn.problem.scsi.device.state.off",

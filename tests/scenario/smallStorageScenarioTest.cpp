@@ -11,6 +11,7 @@ using scenario::Events;
 using scenario::Lines;
 using support::clear;
 using support::i;
+using support::null;
 using support::problem;
 using support::s;
 using support::u;
@@ -138,6 +139,14 @@ TEST_F(IscsiScenario, unreadableArgumentsAreDroppedSilently) {
                               {"kel.iscsi.target.connect.error", {s("a"), i(1)}, {}},
                               {"kel.iscsi.target.login.error", {s("a"), s("b")}, {}},
                               {"kel.iscsi.target.permanently.removed", {}, {}}});
+}
+
+TEST_F(IscsiScenario, nullTextsShowAsNull) {
+  driver.observe("kel.iscsi.target.login.error", {null(), null(), u(1)});
+  EXPECT_EQ(driver.events(),
+            Events{problem("orn.problem.storage.iscsi.target.login.error",
+                           "Login to iSCSI target (null) on (null) failed. Target returned login error "
+                           "of: 0001.")});
 }
 
 TEST_F(IscsiScenario, anUnknownObservationIsIgnoredSilently) {

@@ -13,6 +13,7 @@ using scenario::Events;
 using scenario::Lines;
 using support::i;
 using support::L;
+using support::null;
 using support::problem;
 using support::s;
 using support::u;
@@ -74,6 +75,17 @@ TEST_F(SwapScenario, aPathThatCannotBeReadDoesNothing) {
   EXPECT_EQ(host.actions(), Actions{});
 }
 
+TEST_F(SwapScenario, aNullPathHarmsNothing) {
+  driver.observe("kel.swap.systemSwap.isPDL.cannot.remove", {null()});
+  driver.observe("kel.swap.systemSwap.isPDL.removed", {null()});
+  host.write(R"({"failures":{"swap.reconfigure":"why"}})");
+  driver.observe("kel.swap.systemSwap.isPDL.removed", {null()});
+  driver.events();
+  EXPECT_EQ(observe("cannot.remove", "/p"),
+            Events{problem("orn.problem.swap.systemSwap.isPDL.cannot.remove.2",
+                           "System swap on /p is affected by PDL but cannot be removed.")});
+}
+
 TEST_F(SwapScenario, anUnknownObservationIsIgnoredSilently) {
   driver.observe("kel.swap.unheard.of", {s("x")});
   EXPECT_EQ(driver.events(), Events{});
@@ -129,6 +141,13 @@ TEST_F(VmScenario, theSwapFileAloneIsNamedByItsDatastore) {
       Events{problem("orn.problem.vm.kill.unexpected.fault.failure.2",
                      "/cvfs/volumes/5f/sys.swp could not fault in a guest physical page from the hypervisor level "
                      "swap file on [ds1] sys.swp. The VM is terminated as further progress is impossible.")});
+}
+
+TEST_F(VmScenario, aNullSwapFileHarmsNothing) {
+  driver.observe("kel.vm.kill.unexpected.fault.failure", {null(), null()});
+  driver.events();
+  driver.observe("kel.vm.kill.unexpected.fault.failure", {s("/vm.cfg"), s("/p")});
+  EXPECT_EQ(driver.events().size(), 1U);
 }
 
 TEST_F(VmScenario, unreadableArgumentsAreDroppedSilently) {
