@@ -84,9 +84,8 @@ int spawn(const std::string& program, const std::vector<std::string>& arguments,
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<std::string> environment{"PATH=/usr/sbin:/usr/bin:/sbin:/bin", "LC_ALL=C"};
   const auto pointers = [](std::vector<std::string>& texts) {
-    std::vector<char*> all;
-    for (std::string& text : texts) all.push_back(text.data());
-    all.push_back(nullptr);
+    std::vector<char*> all(texts.size() + 1, nullptr);
+    std::transform(texts.begin(), texts.end(), all.begin(), [](std::string& text) { return text.data(); });
     return all;
   };
   return ::posix_spawn(child, program.c_str(), files.get(), attributes.get(), pointers(words).data(),

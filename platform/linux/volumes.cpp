@@ -51,9 +51,9 @@ std::optional<std::string> Volumes::labelOf(const std::string& block) const {
     if (label.empty()) label = udevProperty(record.value, "ID_FS_LABEL");
     if (!label.empty()) return shownName(label);
   }
-  const std::string links = roots_.dev + "/disk/by-label";
+  const std::string links = roots_.dev + "/disk/by-label/";
   for (const std::string& name : namesIn(links)) {
-    if (linkName(links + "/" + name) == block) return shownName(decodeHexEscapes(name));
+    if (linkName(links + name) == block) return shownName(decodeHexEscapes(name));
   }
   return std::nullopt;
 }
