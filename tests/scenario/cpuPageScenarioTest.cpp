@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "cpuScenario.h"
 
@@ -18,6 +19,23 @@ using support::L;
 using support::problem;
 using support::s;
 using support::u;
+
+/// Timers that refuse the first that is asked for.
+class RefusesTheFirst final : public keld::Timers {
+ public:
+  explicit RefusesTheFirst(keld::Timers& timers) : timers_(timers) {}
+  int create(keld::TimerCallback callback) override {
+    return ++asked_ == 1 ? keld::kNoTimer : timers_.create(std::move(callback));
+  }
+  int set(int id, keld::TimerMode mode, std::uint32_t seconds, std::uint32_t* remaining) override {
+    return timers_.set(id, mode, seconds, remaining);
+  }
+  [[nodiscard]] int asked() const { return asked_; }
+
+ private:
+  keld::Timers& timers_;
+  int asked_ = 0;
+};
 
 TEST_F(CpuScenario, theThirdErrorOfAPageWithinAPeriodRequestsItsRetirement) {
   start();
@@ -202,7 +220,8 @@ TEST_F(CpuScenario, aRefusedRequestIsSwallowedAndMadeAgain) {
   EXPECT_EQ(newActions(), Actions{retire(1)});
 }
 
-TEST_F(CpuScenario, pageZeroIsNeverRequested) {
+TEST_F(CpuScenario, pageZeroIsNeverRequestedThoughItIsNotRetired) {
+  pageStatus = R"("0x0":0)";
   start();
   pageError(0, 3);
   pageError(0, 100);
@@ -345,6 +364,15 @@ TEST_F(CpuScenario, withoutTheFirstTimerNothingIsRefreshedOrCleared) {
   EXPECT_EQ(newActions(), Actions{});
   pageError(1);
   EXPECT_EQ(newActions(), Actions{retire(1)});
+}
+
+TEST_F(CpuScenario, withoutTheFirstTimerTheSecondIsNotAskedFor) {
+  write();
+  RefusesTheFirst timers(scenario.timers);
+  keld::Services services{scenario.clock, scenario.post, timers};
+  driver = std::make_unique<support::Driver>(scenario, keld::kCpuCorrelator.make(services));
+  EXPECT_EQ(timers.asked(), 1);
+  EXPECT_FALSE(scenario.timers.armed());
 }
 
 TEST_F(CpuScenario, withoutTheSecondTimerTheOptionsAreRefreshedAndNothingIsCleared) {
