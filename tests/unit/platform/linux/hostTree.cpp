@@ -95,8 +95,8 @@ void HostTree::deviceMapper(const std::string& name, const std::string& number, 
   write(directory + "/dm/uuid", uuid + "\n");
   for (const std::string& slave : slaves) {
     const std::string lower = deviceDirectory(slave);
-    link(directory + "/slaves/" + slave, lower);
-    link(lower + "/holders/" + name, directory);
+    link(std::string(directory).append("/slaves/").append(slave), lower);
+    link(std::string(lower).append("/holders/").append(name), directory);
   }
 }
 
@@ -110,8 +110,8 @@ void HostTree::mounts(const std::vector<std::string>& lines) const {
     std::string point;
     std::string source;
     words >> number >> root >> point >> source;
-    text += std::to_string(++id) + " 1 " + number + ' ' + root + ' ' + point + " rw,relatime shared:1 - ext4 " +
-            source + " rw\n";
+    text.append(std::to_string(++id)).append(" 1 ").append(number).append(" ").append(root).append(" ").append(point);
+    text.append(" rw,relatime shared:1 - ext4 ").append(source).append(" rw\n");
   }
   write("proc/self/mountinfo", text);
 }
