@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <initializer_list>
 #include <string>
 
 #include "cpuScenario.h"
@@ -172,12 +173,13 @@ TEST_F(CpuOffline, theThresholdIsReadWithEveryRecord) {
 TEST_F(CpuOffline, errorCodesThatQualifyDo) {
   startWith(1);
   std::uint64_t processor = 0;
-  for (const std::uint64_t code : {// memory hierarchy: bit 8, none of 0xEE00
-                                   0x0100, 0x0101, 0x0110, 0x01fc, 0x01fd, 0x1100, 0x1101, 0x11fd,
-                                   // generic cache hierarchy: bits 2 and 3, none of 0xEFF0
-                                   0x000c, 0x000d, 0x100c, 0x100d,
-                                   // translation buffers: bit 4, none of 0xEFE0
-                                   0x0010, 0x0011, 0x001c, 0x001d, 0x1010, 0x1011, 0x101d}) {
+  for (const std::uint64_t code :
+       std::initializer_list<std::uint64_t>{// memory hierarchy: bit 8, none of 0xEE00
+                                            0x0100, 0x0101, 0x0110, 0x01fc, 0x01fd, 0x1100, 0x1101, 0x11fd,
+                                            // generic cache hierarchy: bits 2 and 3, none of 0xEFF0
+                                            0x000c, 0x000d, 0x100c, 0x100d,
+                                            // translation buffers: bit 4, none of 0xEFE0
+                                            0x0010, 0x0011, 0x001c, 0x001d, 0x1010, 0x1011, 0x101d}) {
     coreError(processor, code);
     EXPECT_EQ(newActions(), Actions{offline(processor)}) << std::hex << code;
     processor += 2;
@@ -187,12 +189,12 @@ TEST_F(CpuOffline, errorCodesThatQualifyDo) {
 TEST_F(CpuOffline, errorCodesJustOutsideDoNot) {
   startWith(1);
   std::uint64_t processor = 0;
-  for (const std::uint64_t code :
-       {0x0000, 0x0001, 0x1000, 0x00c1, 0x0301, 0x0501, 0x0901, 0x2101, 0x4101, 0x8101, 0x0200, 0xee01,
-        // generic: one of the two bits alone, or another beside them
-        0x0004, 0x0005, 0x0008, 0x0009, 0x002c, 0x004c, 0x008c, 0x020c, 0x040c, 0x080c, 0x200c, 0x400c, 0x800c,
-        // translation buffers: another bit beside
-        0x0030, 0x0050, 0x0090, 0x0210, 0x0410, 0x0810, 0x2010, 0x4010, 0x8010}) {
+  for (const std::uint64_t code : std::initializer_list<std::uint64_t>{
+           0x0000, 0x0001, 0x1000, 0x00c1, 0x0301, 0x0501, 0x0901, 0x2101, 0x4101, 0x8101, 0x0200, 0xee01,
+           // generic: one of the two bits alone, or another beside them
+           0x0004, 0x0005, 0x0008, 0x0009, 0x002c, 0x004c, 0x008c, 0x020c, 0x040c, 0x080c, 0x200c, 0x400c, 0x800c,
+           // translation buffers: another bit beside
+           0x0030, 0x0050, 0x0090, 0x0210, 0x0410, 0x0810, 0x2010, 0x4010, 0x8010}) {
     coreError(processor, code);
     EXPECT_EQ(newActions(), Actions{}) << std::hex << code;
     processor += 2;
@@ -209,7 +211,8 @@ TEST_F(CpuOffline, onlyTheLow16BitsOfTheStatusAreTheCode) {
 
 TEST_F(CpuOffline, levelsTwoAndThreeNeverCount) {
   startWith(2);
-  for (const std::uint64_t code : {0x0102, 0x0103, 0x1102, 0x000e, 0x000f, 0x0012, 0x0013}) {
+  for (const std::uint64_t code :
+       std::initializer_list<std::uint64_t>{0x0102, 0x0103, 0x1102, 0x000e, 0x000f, 0x0012, 0x0013}) {
     coreError(0, code);
     coreError(0, kOverflow | code);
   }
