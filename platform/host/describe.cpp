@@ -100,6 +100,17 @@ Json describeStorage(const Host& host) {
   return storage;
 }
 
+Json describeMounts(const Host& host) {
+  const Answer<std::vector<MountFacts>> mounts = host.mounts();
+  if (!mounts.ok()) return missing(mounts.outcome);
+  Json all = Json::array();
+  for (const MountFacts& mount : mounts.value) {
+    all.push_back({{"point", mount.point}, {"device", mount.device}, {"fileSystem", mount.fileSystem}});
+    if (!mount.label.empty()) all.back()["label"] = mount.label;
+  }
+  return all;
+}
+
 Json describeVms(const Host& host) {
   const Answer<std::vector<VmIdentity>> vms = host.vms();
   if (!vms.ok()) return missing(vms.outcome);
@@ -136,13 +147,14 @@ struct Section {
   Json (*describe)(const Host& host);
 };
 
-constexpr std::array<Section, 10> kSections{{
+constexpr std::array<Section, 11> kSections{{
     {"host", [](const Host& host) { return Json(host.describe()); }},
     {"kernel", describeKernel},
     {"system", describeSystem},
     {"options", describeOptions},
     {"portGroups", describePortGroups},
     {"storage", describeStorage},
+    {"mounts", describeMounts},
     {"vms", describeVms},
     {"cpu", describeCpu},
     {"pageRetire", describePageRetire},

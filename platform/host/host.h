@@ -63,6 +63,14 @@ struct StorageDevice {
   std::vector<std::uint32_t> partitions;
 };
 
+/// A mounted file system of a block device; the label is empty where it has none.
+struct MountFacts {
+  std::string point;
+  std::string fileSystem;  ///< such as "ext4"
+  std::string device;      ///< the kernel's name of the block device
+  std::string label;
+};
+
 /// Counts of processor cores and of logical processors.
 struct CpuCounts {
   std::uint32_t cores = 0;
@@ -137,6 +145,8 @@ class Host {
   /// The volume on a partition. ENOENT where there is none.
   [[nodiscard]] virtual Answer<std::string> volumeOfPartition(const std::string& device,
                                                               std::uint32_t number) const = 0;
+  /// The mounted file systems of block devices; none where the host has no mounts of its own.
+  [[nodiscard]] virtual Answer<std::vector<MountFacts>> mounts() const { return {}; }
   /// A path of a file system in the form that names its datastore. ENOENT where no form is known.
   [[nodiscard]] virtual Answer<std::string> datastorePath(const std::string& path) const = 0;
 

@@ -55,6 +55,7 @@ class LinuxHost final : public Host {
   [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string& device, std::uint32_t number) const override {
     return storage_.volumeOfPartition(device, number);
   }
+  [[nodiscard]] Answer<std::vector<MountFacts>> mounts() const override { return storage_.mounts(); }
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const override {
     return storage_.datastorePath(path);
   }

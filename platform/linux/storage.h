@@ -24,6 +24,7 @@ class Storage {
   [[nodiscard]] Answer<std::map<std::string, StorageDevice>> devices() const;
   [[nodiscard]] Outcome openVolumes() const { return volumes_.open(); }
   [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string& device, std::uint32_t number) const;
+  [[nodiscard]] Answer<std::vector<MountFacts>> mounts() const { return volumes_.all(); }
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const {
     return volumes_.datastorePath(path);
   }

@@ -92,6 +92,18 @@ Answer<std::string> Volumes::volumeOn(const std::string& block) const {
   return {{}, shownName(best->point)};
 }
 
+Answer<std::vector<MountFacts>> Volumes::all() const {
+  const Answer<std::vector<Mount>> mounts = readMounts(roots_.proc);
+  Answer<std::vector<MountFacts>> all{mounts.outcome, {}};
+  for (const Mount& mount : mounts.value) {
+    const auto block = blockOf(mount);
+    if (!block) continue;
+    all.value.push_back(
+        {shownName(mount.point), shownName(mount.fileSystem), *block, labelOf(*block).value_or(std::string())});
+  }
+  return all;
+}
+
 Answer<std::string> Volumes::datastorePath(const std::string& path) const {
   if (!isLexicallyPlain(path)) return {noVolume("no plain absolute path: " + shownName(path)), {}};
   const Answer<std::vector<Mount>> mounts = readMounts(roots_.proc);

@@ -28,6 +28,9 @@ class Volumes {
   /// mounted.
   [[nodiscard]] Answer<std::string> volumeOn(const std::string& block) const;
 
+  /// The mounts of block devices, in the order in which they were made.
+  [[nodiscard]] Answer<std::vector<MountFacts>> all() const;
+
   /// "LABEL: PATH" of an absolute path whose file system has a label. ENOENT for any other.
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const;
 

@@ -51,6 +51,10 @@ TEST_F(OnThisMachine, TheToolShowsItsProcessorsStorageAndVirtualMachines) {
     EXPECT_GE(all["cpu"]["pcpus"].get<long>(), ::sysconf(_SC_NPROCESSORS_ONLN));
   }
   EXPECT_TRUE(all.contains("storage")) << all;
+  // Whatever the mounts say of a disk's file systems is there.
+  if (const std::size_t root = fileContent("/proc/self/mounts").find("/dev/vda / "); root != std::string::npos) {
+    EXPECT_NE(all["mounts"].dump().find(R"("point":"/")"), std::string::npos) << all["mounts"];
+  }
   EXPECT_EQ(all["pageRetire"]["threshold"], 100);
 }
 

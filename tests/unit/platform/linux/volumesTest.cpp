@@ -63,6 +63,18 @@ TEST_F(VolumesTest, ALabelThatWouldBreakALineIsMadeHarmless) {
   EXPECT_EQ(volume(1).value.size(), 255U);
 }
 
+TEST_F(VolumesTest, MountsOfBlockDevicesAreListedWithTheirLabels) {
+  mounts({"8:1 / /my\\040data /dev/sda1", "0:21 / /proc proc", "8:2 / /srv /dev/sda2"});
+  link("dev/disk/by-label/datastore1", "dev/sda2");
+  const auto all = Storage(roots()).mounts();
+  ASSERT_EQ(all.value.size(), 2U);
+  EXPECT_EQ(all.value[0].point, "/my data");
+  EXPECT_EQ(all.value[0].device, "sda1");
+  EXPECT_EQ(all.value[0].label, "");
+  EXPECT_EQ(all.value[1].point, "/srv");
+  EXPECT_EQ(all.value[1].label, "datastore1");
+}
+
 TEST_F(VolumesTest, WhatIsNotMountedHasNoVolume) {
   mounts({"8:1 / /data /dev/sda1"});
   link("dev/disk/by-label/swap", "dev/sda2");
