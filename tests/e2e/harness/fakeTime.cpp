@@ -15,12 +15,16 @@ std::string preloadLibrary() {
   return {};
 }
 
+void addOptions(Program& program, const char* variable, const std::string& options) {
+  const char* const before = std::getenv(variable);
+  program.setEnvironment(variable, (before == nullptr ? "" : std::string(before) + ":") + options);
+}
+
 void preload(Program& program) {
   program.setEnvironment("LD_PRELOAD", preloadLibrary());
   // A preloaded library stands before the sanitizer's own.
-  const char* options = std::getenv("ASAN_OPTIONS");
-  program.setEnvironment("ASAN_OPTIONS",
-                         (options == nullptr ? "" : std::string(options) + ":") + "verify_asan_link_order=0");
+  addOptions(program, "ASAN_OPTIONS", "verify_asan_link_order=0");
+  addOptions(program, "TSAN_OPTIONS", "suppressions=" KELD_FAKETIME_SUPPRESSIONS);
 }
 
 }  // namespace
