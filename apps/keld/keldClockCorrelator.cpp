@@ -79,6 +79,9 @@ class ClockCorrelator final : public Correlator {
   }
 
   void report(const std::string& id, bool loss, HourlyHoldOff& holdOff, Translate translate, const Kel* observation) {
+    const char* given = nullptr;
+    Kel_GetID(observation, &given);
+    if (given == nullptr) return;
     const std::int64_t now = services_.nowSeconds();
     if (!holdOff.allows(id, now)) return;
     if (!translate(services_.post, OnUnreadable::silent, observation)) return;

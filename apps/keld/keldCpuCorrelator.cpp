@@ -138,9 +138,7 @@ class CpuCorrelator final : public Correlator {
     HandlerTable handlers;
     addRows<kCpuRows>(handlers, services_.post, OnUnreadable::silent);
     handlers.emplace("kel.cpu.mce.log4", [this](const Kel* observation) { correctedError(observation); });
-    for (const Judged& judged : kCpuJudged) {
-      if (judged.events.empty()) handlers.emplace(judged.observation, [](const Kel*) {});
-    }
+    addIgnored(handlers, kCpuJudged);
     return handlers;
   }
 
@@ -148,7 +146,7 @@ class CpuCorrelator final : public Correlator {
   void correctedError(const Kel* observation) {
     const auto record = readRecord(observation);
     if (!record) return;
-    if (mayTakeOffline()) countForCore(*record);
+    if (record->status.isCoreError() && mayTakeOffline()) countForCore(*record);
     if (!record->status.addressValid()) return;
     const std::uint64_t page = record->address >> kPageShift;
     if (pageErrors_->add(page, record->errors)) retire(page);
@@ -157,12 +155,15 @@ class CpuCorrelator final : public Correlator {
   void countForCore(const Record& record) {
     const auto perCore = processorsPerCore();
     if (!perCore) return;
-    CoreErrors& core = coreErrorHistory_[record.cpu / *perCore];
-    if (!record.status.isCoreError() || core.offlined()) return;
+    const std::uint64_t key = record.cpu / *perCore;
+    if (const auto known = coreErrorHistory_.find(key); known != coreErrorHistory_.end() && known->second.offlined()) {
+      return;
+    }
     const auto option = readIntegerOption("Cpu", "CPUOfflineThreshold");
     const auto threshold = static_cast<std::uint32_t>(option.value_or(0));
     if (threshold == 0) return;
     const std::int64_t now = services_.clock.monotonic().count();
+    CoreErrors& core = coreErrorHistory_[key];
     core.add(now, record.status.overflow() ? 2 : 1);
     if (core.reached(threshold, now) && takeOffline(record.cpu)) core.setOfflined();
   }

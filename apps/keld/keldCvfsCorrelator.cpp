@@ -1,11 +1,12 @@
 // The cluster file system's correlator watches the host's shared datastores: volume locks, extents that
 // go and come back, mounts, inconsistent lock modes, heartbeats, corruption, and NFS servers. Each
 // observation is one event; many name their file system by a UUID, which is shown as text.
-#include "keldCvfsCorrelator.h"
-
 #include <algorithm>
+#include <array>
 #include <iterator>
+#include <tuple>
 
+#include "keldCorrelator.h"
 #include "keldFileSystemUuid.h"
 #include "keldLog.h"
 
@@ -48,7 +49,6 @@ constexpr auto kLatencyRows = table("kel.cvfs.", {
 
 constexpr auto kCvfsRows = joinTables(kSilentRows, kLatencyRows);
 
-using Text = const char*;
 constexpr Event<Text, Text> kExtentOffline{VProbKind::problem,
     "@&!*@*@(orn.problem.cvfs.extent.offline)An attached device %s may be offline. The file system %s is now in a degraded state. While the datastore is still available, parts of data that reside on the extent that went offline might be inaccessible."};
 constexpr Event<Text, Text> kSpanState{VProbKind::problem,
@@ -71,10 +71,14 @@ constexpr Event<Text, Text, Text, Text> kNfsDisconnect{VProbKind::problem, "@&!*
 constexpr Event<Text, Text, Text, Text> kNfsRestored{VProbKind::clear, "@&!*@*@(orn.clear.cvfs.nfs.server.restored)%s %s %s %s"};
 // clang-format on
 
+/// One of the observations of a handler that serves several, and its event.
 template <typename TheEvent>
 struct Choice {
   std::string_view observation;
   const TheEvent* event;
+  const EventInfo* info[1];  // the event again, for the catalogue
+
+  consteval Choice(std::string_view o, const TheEvent* e) : observation(o), event(e), info{e} {}
 };
 
 constexpr Choice<Event<Text, Text>> kHeartbeatChoices[] = {
@@ -146,36 +150,32 @@ void lockModeInconsistent(Post& post, const Event<Text, Text, Text, Text, Text>&
   event.post(post, volume, uuid.text().data(), before, now, unused);
 }
 
-// For the catalogue.
+template <typename TheEvent, std::size_t N>
+constexpr std::array<Judged, N> judgedOf(const Choice<TheEvent> (&choices)[N], std::string_view read) {
+  return [&]<std::size_t... kN>(std::index_sequence<kN...>) {
+    return std::array<Judged, N>{Judged{choices[kN].observation, read, choices[kN].info}...};
+  }
+  (std::make_index_sequence<N>());
+}
+
 constexpr const EventInfo* kExtentOfflineEvents[] = {&kExtentOffline};
-constexpr const EventInfo* kSpanStateEvents[] = {&kSpanState};
-constexpr const EventInfo* kAtsEvents[] = {&kAtsIncompatibility};
-constexpr const EventInfo* kLockModeEvents[] = {&kLockMode};
-constexpr const EventInfo* kSpannedLockModeEvents[] = {&kSpannedLockMode};
-constexpr const EventInfo* kHeartbeatEvents[] = {&kHeartbeatTimedOut,      &kHeartbeatRecovered, &kJournalCreateFailed,
-                                                 &kHeartbeatUnrecoverable, &kLockCorrupt,        &kResourceCorrupt,
-                                                 &kHeartbeatCorrupt};
-constexpr const EventInfo* kNfsEvents[] = {&kNfsDisconnect, &kNfsRestored};
+constexpr auto kCvfsJudged =
+    joinTables(std::array{Judged{"kel.cvfs.extent.offline", "%p %p", kExtentOfflineEvents}},
+               judgedOf(kVolumeChoices, kVolumeFormat), judgedOf(kLockModeChoices, kLockModeFormat),
+               judgedOf(kHeartbeatChoices, kHeartbeatFormat), judgedOf(kNfsChoices, kNfsFormat));
 
-using Events = std::span<const EventInfo* const>;
-constexpr Judged kCvfsJudged[] = {
-    {"kel.cvfs.extent.offline", "%p %p", kExtentOfflineEvents},
-    {"kel.cvfs.spanstate.incompatibility.detected", kVolumeFormat, kSpanStateEvents},
-    {"kel.cvfs.lockmode.inconsistency.detected", kLockModeFormat, kLockModeEvents},
-    {"kel.cvfs.ats.incompatibility.detected", kVolumeFormat, kAtsEvents},
-    {"kel.cvfs.spanned.lockmode.inconsistency.detected", kLockModeFormat, kSpannedLockModeEvents},
-    {"kel.cvfs.heartbeat.timedout", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(0, 1)},
-    {"kel.cvfs.heartbeat.recovered", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(1, 1)},
-    {"kel.cvfs.journal.createfailed", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(2, 1)},
-    {"kel.cvfs.heartbeat.unrecoverable", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(3, 1)},
-    {"kel.cvfs.lock.corruptondisk.v2", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(4, 1)},
-    {"kel.cvfs.resource.corruptondisk", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(5, 1)},
-    {"kel.cvfs.heartbeat.corruptondisk", kHeartbeatFormat, Events(kHeartbeatEvents).subspan(6, 1)},
-    {"kel.cvfs.nfs.server.disconnect", kNfsFormat, Events(kNfsEvents).subspan(0, 1)},
-    {"kel.cvfs.nfs.server.restored", kNfsFormat, Events(kNfsEvents).subspan(1, 1)},
+class CvfsCorrelator final : public Correlator {
+ public:
+  explicit CvfsCorrelator(Services& services) : post_(services.post) {}
+
+  [[nodiscard]] HandlerTable handlers() override;
+
+ private:
+  void heartbeat(const Kel* observation);
+  void nfsServer(const Kel* observation);
+
+  Post& post_;
 };
-
-}  // namespace
 
 void CvfsCorrelator::heartbeat(const Kel* observation) {
   FileSystemUuid uuid;
@@ -218,8 +218,6 @@ HandlerTable CvfsCorrelator::handlers() {
   }
   return handlers;
 }
-
-namespace {
 
 constexpr const char* kGroups[] = {"cvfs"};
 

@@ -1,8 +1,8 @@
 // The hold-offs of repeated reports. They differ on purpose, and are not to be merged: each answers
 // another question about a repetition.
 //
-// All count in seconds of the host's clock and take the moment as an argument. When that clock is set
-// back, they stay silent until it has made up the time. Used by one thread at a time.
+// All count in seconds of the host's clock and take the moment as an argument. Used by one thread at a
+// time.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,8 @@
 
 namespace keld {
 
-/// At most one report an hour, counted from the last one, for each identifier.
+/// At most one report an hour, counted from the last one, for each identifier. While a clock that was
+/// set back makes up the time, nothing is reported.
 class HourlyHoldOff {
  public:
   static constexpr std::int64_t kPeriodSeconds = 3600;
@@ -40,7 +41,7 @@ class CrashReminder {
   std::uint32_t crashed(std::string_view application, std::int64_t now) {
     const auto known = crashes_.find(application);
     if (known == crashes_.end()) {
-      crashes_.emplace(application, Crashes{now, now, 1});
+      crashes_.emplace(application, Crashes{now, 1});
       return 1;
     }
     Crashes& crashes = known->second;
@@ -53,7 +54,6 @@ class CrashReminder {
  private:
   struct Crashes {
     std::int64_t lastReported;
-    std::int64_t firstSeen;
     std::uint32_t count;
   };
   std::map<std::string, Crashes, std::less<>> crashes_;

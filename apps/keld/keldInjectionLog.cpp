@@ -16,6 +16,7 @@ void InjectionLog::drop(const Place& place) {
   const auto run = machine->second.runs.find(place.page);
   run->second.sorted.erase(run->second.sorted.find(*place.time));
   run->second.times.erase(place.time);
+  run->second.needed = 0;
   if (!isRepeated(run->second)) repeated_.erase({place.world, place.page});
   if (run->second.times.empty()) machine->second.runs.erase(run);
   if (machine->second.runs.empty()) machines_.erase(machine);
@@ -29,11 +30,15 @@ void InjectionLog::add(World world, Page page, std::int64_t now) {
   if (isRepeated(run)) repeated_.emplace(world, page);
 }
 
-std::vector<InjectionLog::Repeated> InjectionLog::repeated() const {
+std::vector<InjectionLog::Repeated> InjectionLog::repeated() {
   std::vector<Repeated> all;
   for (const auto& [world, page] : repeated_) {
-    const Machine& machine = machines_.at(world);
-    if (!machine.killed) all.push_back({world, page, injectionsNeeded(machine.runs.at(page))});
+    Machine& machine = machines_.at(world);
+    if (machine.killed) continue;
+    Run& run = machine.runs.at(page);
+    // What is added behind them changes nothing about the first that suffice.
+    if (run.needed == 0) run.needed = injectionsNeeded(run);
+    all.push_back({world, page, run.needed});
   }
   return all;
 }

@@ -11,8 +11,8 @@
 
 namespace keld {
 
-/// Keeps each injection for a minute and knows which pages have too many. What a call costs does not
-/// grow with all that is kept. Moments are seconds of the host's clock. Used by one thread.
+/// Keeps each injection for a minute and knows which pages have too many. What a call costs grows with
+/// the pages that have, not with all that is kept. Moments are seconds of the host's clock. Used by one thread.
 class InjectionLog {
  public:
   using World = std::int32_t;
@@ -34,7 +34,7 @@ class InjectionLog {
   void expire(std::int64_t now);
   void add(World world, Page page, std::int64_t now);
   /// By virtual machine and page; without virtual machines that were killed.
-  [[nodiscard]] std::vector<Repeated> repeated() const;
+  [[nodiscard]] std::vector<Repeated> repeated();
   /// The virtual machine is not to be looked at again while it has injections.
   void setKilled(World world);
   [[nodiscard]] bool killed(World world) const;
@@ -44,6 +44,7 @@ class InjectionLog {
   struct Run {
     std::list<std::int64_t> times;       // in the order in which they came
     std::multiset<std::int64_t> sorted;  // the same, to see how far apart they are
+    std::size_t needed = 0;              // of a repeated run, once it was asked for: injectionsNeeded()
   };
   struct Machine {
     bool killed = false;

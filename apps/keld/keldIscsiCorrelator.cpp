@@ -22,7 +22,6 @@ constexpr auto kIscsiRows = table("kel.iscsi.", {
      "@&!*@*@(orn.problem.storage.iscsi.target.permanently.removed)The target %s was permanently removed from %s."},
 });
 
-using Text = const char*;
 constexpr Event<Text, Text, Text> kDiscoveryLoginError{VProbKind::problem,
      "@&!*@*@(orn.problem.storage.iscsi.discovery.login.error)iSCSI discovery to %s on %s failed. The Discovery target returned a login error of: %s."};
 constexpr Event<Text, Text, Text> kTargetLoginError{VProbKind::problem,
@@ -65,9 +64,7 @@ class IscsiCorrelator final : public Correlator {
                      [this](const Kel* observation) { postLoginError(post_, kDiscoveryLoginError, observation); });
     handlers.emplace("kel.iscsi.target.login.error",
                      [this](const Kel* observation) { postLoginError(post_, kTargetLoginError, observation); });
-    for (const Judged& judged : kIscsiJudged) {
-      if (judged.events.empty()) handlers.emplace(judged.observation, [](const Kel*) {});
-    }
+    addIgnored(handlers, kIscsiJudged);
     return handlers;
   }
 

@@ -8,8 +8,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 // clang-format off
 constexpr Event<Text, Text> kRamdiskFull{VProbKind::problem,
     "@&!*@*@(orn.problem.memfs.ramdisk.full)The ramdisk '%s' is full.  As a result, the file %s could not be written."};

@@ -5,8 +5,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 // clang-format off
 constexpr auto kMigrateRows = table("kel.migrate.", {
     {"kel.migrate.skyhop.default.heap.create.failed", "", VProbKind::problem,

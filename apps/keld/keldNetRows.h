@@ -85,8 +85,6 @@ inline constexpr auto kNetRows = table(
         // clang-format on
     });
 
-using Text = const char*;
-
 inline constexpr Event<Text, Text, Text> kConnectivityLost{
     VProbKind::problem,
     "@&!*@*@(orn.problem.net.connectivity.lost)Lost network connectivity on virtual switch %s. Physical NIC %s is "

@@ -12,9 +12,9 @@
 
 namespace keld {
 
-/// Counts by page number. Two timers of its own clear the counts at the end of each period and look at
-/// the options every minute; the object lives until neither its owner nor a timer needs it. The timers
-/// run on their own thread, everything else is called by the owner's.
+/// Counts by page number. Two timers of its own clear the counts at the end of each period (a period of
+/// 0: never) and look at the options every minute; the object lives until neither its owner nor a timer needs it. The
+/// timers run on their own thread, everything else is called by the owner's.
 class PageErrors : public std::enable_shared_from_this<PageErrors> {
  public:
   static constexpr std::uint32_t kRefreshSeconds = 60;

@@ -3,7 +3,10 @@
 // for a bad page. A guest that keeps using such a page is killed before it does harm.
 #include "keldPageRetireCorrelator.h"
 
+#include <algorithm>
+#include <limits>
 #include <set>
+#include <vector>
 
 #include "keldHostOption.h"
 #include "keldLog.h"
@@ -14,13 +17,13 @@ namespace keld {
 namespace {
 
 using HostCtl::Lib::HostCtlException;
-using Text = const char*;
-
 constexpr const char* kSource = "apps/keld/keldPageRetireCorrelator";
 constexpr int kNoFirmwareOptionLine = 126;
 constexpr int kNoThresholdLine = 178;
 constexpr int kNoIntervalLine = 189;
 constexpr const char* kGroup = "PageRetire";
+/// Virtual machines that the host may fail to find before the others have to wait for the next call.
+constexpr std::size_t kMaxFailures = 16;
 
 constexpr const char* kExceeded = "kel.pageretire.selectedmpnthreshold.host.exceeded";
 constexpr const char* kNotRetired = "kel.pageretire.selectedbutnotretired.high";
@@ -136,20 +139,35 @@ void PageRetireCorrelator::injected(const Kel* observation) {
 }
 
 void PageRetireCorrelator::killRepeated() {
-  // A virtual machine that the host does not know is asked for once a call, not once an injection.
-  std::set<InjectionLog::World> unknown;
-  for (const InjectionLog::Repeated& repeated : injections_.repeated()) {
-    const auto world = repeated.world;
-    if (injections_.killed(world) || unknown.contains(world)) continue;
-    try {
-      const auto machine = QkCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(world);
-      kKilling.post(services_.post, machine->GetDisplayName().c_str(), static_cast<int>(repeated.injections),
-                    repeated.page);
-      injections_.setKilled(world);
-      machine->Kill(0);
-    } catch (const HostCtlException&) {
-      unknown.insert(world);
+  std::vector<InjectionLog::Repeated> repeated = injections_.repeated();
+  // Where the last call gave up, this one begins.
+  const auto next =
+      std::find_if(repeated.begin(), repeated.end(), [&](const auto& one) { return one.world >= resume_; });
+  std::rotate(repeated.begin(), next, repeated.end());
+  resume_ = std::numeric_limits<InjectionLog::World>::min();
+  // Kept: one that failed is asked for again by the next call, not by each of its injections.
+  std::set<InjectionLog::World> failed;
+  for (const InjectionLog::Repeated& one : repeated) {
+    if (injections_.killed(one.world) || failed.contains(one.world)) continue;
+    if (failed.size() == kMaxFailures) {
+      resume_ = one.world;
+      return;
     }
+    if (!kill(one)) failed.insert(one.world);
+  }
+}
+
+/// False where the host fails.
+bool PageRetireCorrelator::kill(const InjectionLog::Repeated& repeated) {
+  try {
+    const auto machine = QkCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(repeated.world);
+    kKilling.post(services_.post, machine->GetDisplayName().c_str(), static_cast<int>(repeated.injections),
+                  repeated.page);
+    injections_.setKilled(repeated.world);
+    machine->Kill(0);
+    return true;
+  } catch (const HostCtlException&) {
+    return false;
   }
 }
 

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <limits>
 
 #include "keldCorrelator.h"
 #include "keldInjectionLog.h"
@@ -22,6 +23,7 @@ class PageRetireCorrelator final : public Correlator {
   void firmwareRequest(const Kel* observation);
   void injected(const Kel* observation);
   void killRepeated();
+  bool kill(const InjectionLog::Repeated& repeated);
 
   Services& services_;
   const std::uint64_t threshold_;
@@ -29,6 +31,7 @@ class PageRetireCorrelator final : public Correlator {
   std::uint64_t lastReported_ = 0;
   bool notRetiredReported_ = false;
   InjectionLog injections_;
+  InjectionLog::World resume_ = std::numeric_limits<InjectionLog::World>::min();
 };
 
 }  // namespace keld

@@ -11,6 +11,12 @@ void logUnreadable(OnUnreadable how, const Kel* observation, int status) {
   if (how == OnUnreadable::failedToCorrelate) Log("Failed to correlate %s: %d\n", id, status);
 }
 
+void addIgnored(HandlerTable& handlers, std::span<const Judged> judged) {
+  for (const Judged& known : judged) {
+    if (known.events.empty()) handlers.emplace(known.observation, [](const Kel*) {});
+  }
+}
+
 void logUnreadable(const char* text, int status) {
   Log(text, status);
 }

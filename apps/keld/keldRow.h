@@ -14,6 +14,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "keldArguments.h"
 #include "keldFramework.h"
 #include "keldPost.h"
 #include "platform/kel.h"
@@ -29,6 +30,9 @@ void event_name_longer_than_128();         // NOLINT(readability-identifier-nami
 void placeholder_without_argument();       // NOLINT(readability-identifier-naming)
 void argument_does_not_fit_placeholder();  // NOLINT(readability-identifier-naming)
 void wording_without_argument();           // NOLINT(readability-identifier-naming)
+
+/// A text of an observation. One that is null is passed on as it is, and shows as "(null)".
+using Text = const char*;
 
 /// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder.
 enum class Arg { none, text, i16, i32, i64, any };
@@ -104,6 +108,10 @@ struct Row {
                 std::span<const char* const> u = {})
       : observation(o), read(r), text(t), fill(f), kind(k), unreadable(u) {
     if (!u.empty() && u.size() != (r.find('%') != std::string_view::npos ? 1 : r.size())) wording_without_argument();
+    for (const std::string_view wording : u) {
+      if (conversion(wording, 's', 0) != Arg::i32 || conversion(wording, 's', 1) != Arg::none)
+        wording_without_argument();
+    }
     checkMarked(k, t);
     for (std::size_t n = 0; conversion(eventMessage(t), 's', n) != Arg::none; ++n) {
       const Arg want = conversion(eventMessage(t), 's', n);
@@ -126,10 +134,10 @@ consteval std::array<Row, N> table(std::string_view group, const Row (&rows)[N])
   return std::to_array(rows);
 }
 
-/// The rows of several tables of one correlator, in their order.
-template <std::size_t... kN>
-constexpr auto joinTables(const std::array<Row, kN>&... tables) {
-  return std::apply([](const auto&... rows) { return std::array<Row, sizeof...(rows)>{rows...}; },
+/// The elements of several tables of one correlator, in their order.
+template <typename T, std::size_t... kN>
+constexpr auto joinTables(const std::array<T, kN>&... tables) {
+  return std::apply([](const auto&... elements) { return std::array<T, sizeof...(elements)>{elements...}; },
                     std::tuple_cat(tables...));
 }
 
@@ -178,6 +186,10 @@ struct Judged {
   std::string_view read;
   std::span<const EventInfo* const> events;
 };
+
+/// Registers a handler that does nothing for each observation that is known and gives no event, unless
+/// it has one.
+void addIgnored(HandlerTable& handlers, std::span<const Judged> judged);
 
 /// What a table's rows do when their arguments cannot be read.
 enum class OnUnreadable { silent, failedToGetParams, failedToCorrelate };
@@ -290,9 +302,10 @@ template <const auto& kRows>
 void addRows(HandlerTable& handlers, Post& post, OnUnreadable how) {
   static constexpr auto kTranslations = translations<kRows>();
   for (std::size_t n = 0; n < kRows.size(); ++n) {
-    handlers.emplace(
-        std::string(kRows[n].observation),
-        [&post, how, translate = kTranslations[n]](const Kel* observation) { translate(post, how, observation); });
+    handlers.emplace(std::string(kRows[n].observation), [&post, how, n](const Kel* observation) {
+      const char* const id = identifierOf(observation);
+      if (id != nullptr && kRows[n].observation == id) kTranslations[n](post, how, observation);
+    });
   }
 }
 

@@ -64,7 +64,7 @@ std::optional<std::string> datastoresOfKnown(const std::string& device) {
 void postAffecting(Post& post, const AffectingRow& row, const Kel* observation) {
   const char* device = nullptr;
   if (const int status = Kel_GetStringArg(observation, 0, &device); status != 0) {
-    logUnreadable(row.unreadable[0], status);
+    logUnreadable(row.unreadable, status);
     return;
   }
   std::optional<std::string> datastores = GetAffectedDatastores(device != nullptr ? device : "");

@@ -16,14 +16,12 @@ class ScsiCorrelator final : public Correlator {
 
   [[nodiscard]] HandlerTable handlers() override;
 
-  /// Handlers of several observations, which they tell apart themselves.
-  void pathAddedOrRemoved(const Kel* observation);
-  void badPath(const Kel* observation);
-
  private:
   void pathDown(const Kel* observation);
   void pathUp(const Kel* observation);
+  void pathAddedOrRemoved(const Kel* observation);
   void powerOnReset(const Kel* observation);
+  void badPath(const Kel* observation);
   void trackPathStateChange(const std::string& path, PathFrequency::Change change);
 
   Services& services_;

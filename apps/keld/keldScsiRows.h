@@ -47,7 +47,6 @@ inline constexpr auto kScsiCorrelateRows = table("kel.scsi.", {
 });
 
 inline constexpr const char* kNoDeviceName[] = {"Failed to get device name: %d\n"};
-inline constexpr const char* kNoThinDeviceName[] = {"Failed to get thin provisioned device name: %d\n"};
 inline constexpr const char* kNoPathName[] = {"Failed to get path name: %d\n"};
 inline constexpr const char* kNoOptionOrPath[] = {"Failed to get NMP SATP options: %d\n", "Failed to get path name: %d\n"};
 inline constexpr const char* kNoPathLimit[] = {"Failed to get path limit reached path count: %d\n",
@@ -74,8 +73,6 @@ inline constexpr auto kScsiNamedRows = table("kel.scsi.", {
 });
 
 inline constexpr auto kScsiRows = joinTables(kScsiParameterRows, kScsiCorrelateRows, kScsiNamedRows);
-
-using Text = const char*;
 
 inline constexpr Event<Text, Text, Text> kPathConnectivityLost{VProbKind::problem,
      "@&!*@*@(orn.problem.storage.connectivity.lost)Lost connectivity to storage device %s. Path %s is down. Affected datastores: %s."};
@@ -111,13 +108,17 @@ inline constexpr Event<Text, Text> kBadPathUnreachable{VProbKind::problem,
 struct AffectingRow {
   std::string_view observation;
   const Event<Text, Text>* event;
-  const char* const* unreadable;
+  const char* unreadable;
+  const EventInfo* info[1];  // the event again, for the catalogue
+
+  consteval AffectingRow(std::string_view o, const Event<Text, Text>* e, const char* u)
+      : observation(o), event(e), unreadable(u), info{e} {}
 };
 inline constexpr AffectingRow kAffectingRows[] = {
-    {"kel.scsi.device.state.permanentloss", &kPermanentLoss, kNoDeviceName},
-    {"kel.scsi.device.state.permanentloss.withreservationheld", &kPermanentLossReserved, kNoDeviceName},
-    {"kel.scsi.device.state.permanentloss.noopens", &kPermanentLossNoOpens, kNoDeviceName},
-    {"kel.scsi.device.thinprov.atquota", &kThinAtQuota, kNoThinDeviceName},
+    {"kel.scsi.device.state.permanentloss", &kPermanentLoss, kNoDeviceName[0]},
+    {"kel.scsi.device.state.permanentloss.withreservationheld", &kPermanentLossReserved, kNoDeviceName[0]},
+    {"kel.scsi.device.state.permanentloss.noopens", &kPermanentLossNoOpens, kNoDeviceName[0]},
+    {"kel.scsi.device.thinprov.atquota", &kThinAtQuota, "Failed to get thin provisioned device name: %d\n"},
 };
 
 inline constexpr const EventInfo* kPathDownEvents[] = {&kPathConnectivityLost, &kPathRedundancyLost,
@@ -126,10 +127,6 @@ inline constexpr const EventInfo* kPathUpEvents[] = {&kPathConnectivityRestored,
                                                      &kFrequentPathStateChanges};
 inline constexpr const EventInfo* kPathChangeEvents[] = {&kFrequentPathStateChanges};
 inline constexpr const EventInfo* kResetEvents[] = {&kFrequentPathResets, &kFrequentDeviceResets};
-inline constexpr const EventInfo* kPermanentLossEvents[] = {&kPermanentLoss};
-inline constexpr const EventInfo* kPermanentLossReservedEvents[] = {&kPermanentLossReserved};
-inline constexpr const EventInfo* kPermanentLossNoOpensEvents[] = {&kPermanentLossNoOpens};
-inline constexpr const EventInfo* kThinAtQuotaEvents[] = {&kThinAtQuota};
 inline constexpr const EventInfo* kBadPathUnsafeEvents[] = {&kBadPathUnsafe};
 inline constexpr const EventInfo* kBadPathUnreachableEvents[] = {&kBadPathUnreachable};
 
@@ -144,10 +141,10 @@ inline constexpr Judged kScsiJudged[] = {
     {"kel.scsi.scsipath.por", "s", kResetEvents},
     {"kel.scsi.scsipath.badpath.unsafepe", "s", kBadPathUnsafeEvents},
     {"kel.scsi.scsipath.badpath.unreachpe", "ss", kBadPathUnreachableEvents},
-    {"kel.scsi.device.state.permanentloss", "s", kPermanentLossEvents},
-    {"kel.scsi.device.state.permanentloss.withreservationheld", "s", kPermanentLossReservedEvents},
-    {"kel.scsi.device.state.permanentloss.noopens", "s", kPermanentLossNoOpensEvents},
-    {"kel.scsi.device.thinprov.atquota", "s", kThinAtQuotaEvents},
+    {kAffectingRows[0].observation, "s", kAffectingRows[0].info},
+    {kAffectingRows[1].observation, "s", kAffectingRows[1].info},
+    {kAffectingRows[2].observation, "s", kAffectingRows[2].info},
+    {kAffectingRows[3].observation, "s", kAffectingRows[3].info},
 };
 
 }  // namespace keld

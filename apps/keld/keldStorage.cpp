@@ -43,8 +43,9 @@ std::vector<HostCtl::Storage::DiskLunPartition> partitionsOf(const std::string& 
 bool addVolume(const Volumes& volumes, const std::string& device, std::uint32_t partition,
                std::vector<std::string>& names) {
   CVFS_VolumeQuery query{};
-  // Cut to the request's size where the name is longer, as the query has no room for more.
-  std::snprintf(query.request, sizeof query.request, "%s:%u", device.c_str(), partition);
+  const int length = std::snprintf(query.request, sizeof query.request, "%s:%u", device.c_str(), partition);
+  // Cut short, the request could name another partition.
+  if (length < 0 || static_cast<std::size_t>(length) >= sizeof query.request) return false;
   const int status = CVFS_Control(volumes.get(), CVFS_QUERY_VOLUME, &query);
   if (status == ENOENT) return true;
   if (status != 0) return false;

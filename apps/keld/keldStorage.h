@@ -19,7 +19,8 @@ std::optional<std::uint32_t> pathRedundancyState(const std::string& device);
 /// look-up fails or finds none.
 std::optional<std::string> GetAffectedDatastores(const std::string& device);
 
-/// A path of a file system in the form that names its datastore; as it is where none is known.
+/// A path of a file system, or nullptr for an empty one, in the form that names its datastore; as it is where none is
+/// known.
 std::string datastoreForm(const char* path);
 
 }  // namespace keld

@@ -9,8 +9,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 // The kernel's messages, which are the formats that its observations are read by.
 constexpr const char* kCannotRemoveFormat =
     "System swap at path %s is affected by the Permanent Device Loss of its datastore but cannot be removed.";

@@ -10,8 +10,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 // clang-format off
 constexpr Event<Text, int, Text> kHagdDumped{VProbKind::problem,
     "@&!*@*@(orn.problem.hagd.core.dumped)%s crashed (%d time(s) so far) and a core file may have been created at %s. This may have caused connections to the host to be dropped."};
@@ -38,15 +36,15 @@ constexpr unsigned kKeyPosition = 3;
 /// A change to enforcing is what is wanted.
 constexpr int kEnforcing = 1;
 
-constexpr const EventInfo* kPlainEvents[] = {&kHagdDumped,        &kHagdDumpedEncrypted,
-                                             &kCagtDumped,        &kCagtDumpedEncrypted,
-                                             &kApplicationDumped, &kApplicationDumpedEncrypted};
+constexpr const EventInfo* kDumpedEvents[] = {&kHagdDumped,        &kHagdDumpedEncrypted,
+                                              &kCagtDumped,        &kCagtDumpedEncrypted,
+                                              &kApplicationDumped, &kApplicationDumpedEncrypted};
 constexpr const EventInfo* kDumpFailedEvents[] = {&kDumpFailed};
 constexpr const EventInfo* kDomainLevelEvents[] = {&kDomainLevel};
 constexpr const EventInfo* kAllDomainsLevelEvents[] = {&kAllDomainsLevel};
 constexpr Judged kUserWorldJudged[] = {
-    {"kel.uw.core.dumped", "siss", kPlainEvents},
-    {"kel.uw.core.dumped.encrypted", "siss", kPlainEvents},
+    {"kel.uw.core.dumped", "siss", kDumpedEvents},
+    {"kel.uw.core.dumped.encrypted", "siss", kDumpedEvents},
     {"kel.uw.core.dumpFailed", kCrashFormat, kDumpFailedEvents},
     {"kel.uw.secpolicy.domain.level.changed", "%p %d %p %u", kDomainLevelEvents},
     {"kel.uw.secpolicy.alldomains.level.changed", "%p %d", kAllDomainsLevelEvents},

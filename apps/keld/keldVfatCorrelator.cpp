@@ -11,8 +11,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 /// As much of the link's target as is looked at.
 constexpr std::size_t kTargetBytes = 4095;
 

@@ -6,8 +6,6 @@ namespace keld {
 
 namespace {
 
-using Text = const char*;
-
 // Read by the kernel's own messages.
 // clang-format off
 constexpr auto kVmRows = table("kel.vm.", {

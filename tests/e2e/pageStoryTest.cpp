@@ -26,7 +26,8 @@ class CorrectedErrors : public Story {
 };
 
 TEST_F(CorrectedErrors, TheThirdOfOnePageAsksForItsRetirement) {
-  begin(R"({"pageRetire": {"status": {"0x1234": 0, "0x1235": 0}}})");
+  begin(
+      R"({"options": {"PageRetire/PageErrorCorrPeriod": 3600}, "pageRetire": {"status": {"0x1234": 0, "0x1235": 0}}})");
   error(kAddressValid, 2, 0x1234000);
   error(kAddressValid, 3, 0x1234fff);
   error(kAddressValid, 2, 0x1235000, 2);
@@ -42,10 +43,12 @@ TEST_F(CorrectedErrors, TheThirdOfOnePageAsksForItsRetirement) {
   error(kAddressValid, 2, 0x1234000);
   mark();
   EXPECT_EQ(workspace().hostActions(), (Actions{retirement, retirement}));
-  workspace().setModel(R"({"pageRetire": {"status": {"0x1234": 1}}})");
+  workspace().setModel(
+      R"({"options": {"PageRetire/PageErrorCorrPeriod": 3600}, "pageRetire": {"status": {"0x1234": 1}}})");
   error(kAddressValid, 2, 0x1234000);
   mark();
-  workspace().setModel(R"({"pageRetire": {"status": {"0x1234": 0}}})");
+  workspace().setModel(
+      R"({"options": {"PageRetire/PageErrorCorrPeriod": 3600}, "pageRetire": {"status": {"0x1234": 0}}})");
   error(kAddressValid, 2, 0x1234000);
   mark();
   EXPECT_EQ(workspace().hostActions(), (Actions{retirement, retirement}));
@@ -53,7 +56,8 @@ TEST_F(CorrectedErrors, TheThirdOfOnePageAsksForItsRetirement) {
 }
 
 TEST_F(CorrectedErrors, AThresholdIsComparedByItsLowEightBits) {
-  begin(R"({"options": {"PageRetire/PageErrorCorrThreshold": 258}, "pageRetire": {"status": {"0x7": 0}}})");
+  begin(
+      R"({"options": {"PageRetire/PageErrorCorrThreshold": 258, "PageRetire/PageErrorCorrPeriod": 3600}, "pageRetire": {"status": {"0x7": 0}}})");
   error(kAddressValid, 0, 0x7000, 2);
   mark();
   EXPECT_TRUE(workspace().hostActions().empty());

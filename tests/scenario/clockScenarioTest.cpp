@@ -256,4 +256,12 @@ TEST_F(ClockScenario, noTimerIsUsed) {
   EXPECT_FALSE(scenario.timers.armed());
 }
 
+TEST_F(ClockScenario, aHandlerWithoutAnIdentifierPostsAndLogsNothing) {
+  for (const char* registered : {"kel.clock.state.reset", kWarning, kSync}) {
+    scenario::callHandler(scenario, keld::kClockCorrelator, registered, "", numbers());
+  }
+  EXPECT_EQ(driver.events(), Events{});
+  EXPECT_EQ(diagnostics(scenario), Lines{});
+}
+
 }  // namespace

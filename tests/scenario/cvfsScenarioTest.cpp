@@ -6,6 +6,7 @@
 
 namespace {
 
+using scenario::diagnostics;
 using scenario::Events;
 using scenario::Lines;
 using support::audit;
@@ -239,6 +240,22 @@ TEST_F(CvfsScenario, anUnknownObservationIsIgnoredSilently) {
   driver.observe("kel.cvfs.unheard.of", {s("x")});
   EXPECT_EQ(driver.events(), Events{});
   EXPECT_EQ(scenario.log.take(), Lines{});
+}
+
+TEST_F(CvfsScenario, latencyHandlersPostForTheirOwnIdentifierOnly) {
+  scenario::callHandler(scenario, keld::kCvfsCorrelator, "kel.cvfs.nfs.volume.io.latency.high",
+                        "kel.cvfs.nfs.volume.io.latency.other", {s("vol"), L(1), L(2), L(3)});
+  EXPECT_EQ(driver.events(), Events{});
+}
+
+TEST_F(CvfsScenario, latencyAndThinFormatHandlersMissAnIdentifier) {
+  for (const char* id :
+       {"kel.cvfs.nfs.volume.io.latency.high", "kel.cvfs.nfs.volume.io.latency.improved",
+        "kel.cvfs.nfs.volume.io.latency.exceed.threshold.period", "kel.cvfs.thinfmt.bloomfilter.disabled"}) {
+    scenario::callHandler(scenario, keld::kCvfsCorrelator, id, "", {s("a"), L(1), L(2), L(3)});
+    EXPECT_EQ(diagnostics(scenario), Lines{"FAIL: Received NULL kelID\n"}) << id;
+    EXPECT_EQ(driver.events(), Events{}) << id;
+  }
 }
 
 }  // namespace

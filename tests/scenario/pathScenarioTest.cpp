@@ -295,6 +295,16 @@ TEST_F(StoragePath, theVolumeRequestIsBoundedToItsBytes) {
   }
 }
 
+TEST_F(StoragePath, aVolumeRequestThatWouldNameAnotherPartitionIsNotMade) {
+  const std::string device(125, 'd');  // with ":1" there is room for no more
+  host.write(R"({"storage":{"paths":{"p1":")" + device + R"("},"devices":{")" + device +
+             R"(":{"redundancyState":1,"disk":true,"partitions":[{"number":12},{"number":1,"volume":"a"}]}}}})");
+  EXPECT_EQ(ofDown("p1"),
+            Events{problem("orn.problem.storage.connectivity.lost", "Lost connectivity to storage device " + device +
+                                                                        ". Path p1 is down. Affected datastores: "
+                                                                        "Unknown.")});
+}
+
 TEST_F(StoragePath, unreadableStateObservationsAreDroppedSilently) {
   redundancy(1);
   const std::vector<scenario::Arguments> unreadable = {

@@ -337,4 +337,15 @@ TEST_F(ScsiEvents, aNullTextShowsAsNull) {
                                             "Device: (null)  has been turned off administratively")});
 }
 
+TEST_F(ScsiEvents, aSharedHandlerWithoutAnIdentifierSaysSo) {
+  for (const char* registered :
+       {"kel.scsi.device.io.bad.plugin.type", "kel.scsi.device.close.failed", "kel.scsi.device.io.qerr.change.config",
+        "kel.scsi.device.io.qerr.changed", "kel.scsi.device.filter.attach.failed", "kel.scsi.device.detach.failed",
+        "kel.scsi.scsipath.badpath.unsafepe", "kel.scsi.scsipath.badpath.unreachpe"}) {
+    scenario::callHandler(scenario, keld::kScsiCorrelator, registered, "", {s("a"), s("b"), i(1)});
+    EXPECT_EQ(diagnostics(scenario), Lines{"FAIL: Received NULL kelID\n"}) << registered;
+    EXPECT_EQ(driver.events(), Events{});
+  }
+}
+
 }  // namespace

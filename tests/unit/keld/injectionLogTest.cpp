@@ -12,7 +12,7 @@ namespace {
 using keld::InjectionLog;
 using Found = std::tuple<std::int32_t, std::uint64_t, std::size_t>;
 
-std::vector<Found> repeated(const InjectionLog& log) {
+std::vector<Found> repeated(InjectionLog& log) {
   std::vector<Found> all;
   for (const auto& one : log.repeated()) all.emplace_back(one.world, one.page, one.injections);
   return all;

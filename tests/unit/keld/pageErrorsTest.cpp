@@ -73,9 +73,18 @@ TEST_F(PageErrorsTest, OptionsAreReadAgainEveryMinute) {
   EXPECT_TRUE(errors->add(2, 1));
 }
 
-TEST_F(PageErrorsTest, ATimerThatOutlivesItsOwnerIsHarmless) {
-  PageErrors::start(timers);
+TEST_F(PageErrorsTest, ItsTimersKeepItAliveForTheirCallbacks) {
+  const std::weak_ptr<PageErrors> errors = PageErrors::start(timers);
   timers.advance(120s);
+  EXPECT_FALSE(errors.expired());
+}
+
+TEST_F(PageErrorsTest, APeriodOfZeroNeverClears) {
+  host.write(R"({"options": {"PageRetire/PageErrorCorrPeriod": 0}})");
+  const auto errors = PageErrors::start(timers);
+  errors->add(1, 2);
+  timers.advance(3600s);
+  EXPECT_TRUE(errors->add(1, 1));
 }
 
 TEST_F(PageErrorsTest, CountingAndClearingMayMeet) {
