@@ -52,7 +52,8 @@ bool BlockDevices::has(const std::string& name) const {
 
 std::optional<std::string> BlockDevices::find(const std::string& called) const {
   constexpr std::string_view kDev = "/dev/";
-  const std::string name = called.starts_with(kDev) ? called.substr(kDev.size()) : called;
+  std::string name = called.starts_with(kDev) ? called.substr(kDev.size()) : called;
+  std::replace(name.begin(), name.end(), '/', '!');
   if (has(name)) return name;
   if (!isPlainName(name)) return std::nullopt;
   if (!isScsiAddress(name)) return ofNumber(name);
@@ -85,6 +86,10 @@ std::string BlockDevices::mapUuid(const std::string& name) const {
 
 bool BlockDevices::isMap(const std::string& name) const {
   return mapUuid(name).starts_with(kMapPrefix);
+}
+
+bool BlockDevices::isPath(const std::string& name) const {
+  return isDisk(name) && pathsOf(name) == std::vector{name};
 }
 
 std::map<std::string, std::string> BlockDevices::paths() const {
@@ -123,6 +128,9 @@ bool BlockDevices::usable(const std::string& path) const {
   // A disk of a bus that keeps no state, such as virtio, is there or it is not.
   const auto state = readWord(directory(path) + "/device/state");
   if (state && *state != "running" && *state != "live") return false;
+  // SCSI: a path on standby takes requests once the others are gone.
+  const auto scsiAccess = readWord(directory(path) + "/device/access_state");
+  if (scsiAccess && (*scsiAccess == "unavailable" || *scsiAccess == "offline")) return false;
   const auto access = readWord(directory(path) + "/ana_state");
   return !access || *access == "optimized" || *access == "non-optimized";
 }

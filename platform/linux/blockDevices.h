@@ -28,7 +28,7 @@ class BlockDevices {
   [[nodiscard]] bool has(const std::string& name) const;
 
   /// What an operator or the kernel calls a block device: "sda", "/dev/sda", "8:0", or "2:0:0:1", the
-  /// SCSI address.
+  /// SCSI address. sysfs has "!" for a "/" in a name.
   [[nodiscard]] std::optional<std::string> find(const std::string& called) const;
   /// The block device of a number "MAJOR:MINOR".
   [[nodiscard]] std::optional<std::string> ofNumber(const std::string& number) const;
@@ -39,6 +39,7 @@ class BlockDevices {
   [[nodiscard]] bool isDisk(const std::string& name) const;
   [[nodiscard]] bool isMap(const std::string& name) const;
 
+  [[nodiscard]] bool isPath(const std::string& name) const;
   /// Every path and the device it leads to.
   [[nodiscard]] std::map<std::string, std::string> paths() const;
   /// The device that a disk leads to.

@@ -55,8 +55,10 @@ std::vector<Mount> parseMounts(std::string_view text) {
 }
 
 Answer<std::vector<Mount>> readMounts(const std::string& proc) {
+  Answer<std::string> text = readFile(proc + "/1/mountinfo", kMountInfoBytes);
+  if (text.ok()) return {{}, parseMounts(text.value)};
   const std::string path = proc + "/self/mountinfo";
-  const Answer<std::string> text = readFile(path, kMountInfoBytes);
+  text = readFile(path, kMountInfoBytes);
   if (!text.ok()) return {notAvailable(path + ": " + reasonOf(text.outcome)), {}};
   return {{}, parseMounts(text.value)};
 }

@@ -26,7 +26,8 @@ struct Mount {
 /// The mounts of a mountinfo text in its order. Lines of another form are skipped.
 std::vector<Mount> parseMounts(std::string_view text);
 
-/// The mounts that this process sees, of `proc`/self/mountinfo. ENOTSUP where that cannot be read.
+/// The machine's mounts: those that process 1 sees, of `proc`/1/mountinfo, because a service may run with
+/// others of its own. Where that may not be read, those of this process. ENOTSUP where neither can.
 Answer<std::vector<Mount>> readMounts(const std::string& proc);
 
 /// The mount that an absolute path without "." and ".." is on: that of the longest mount point that

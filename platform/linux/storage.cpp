@@ -21,10 +21,8 @@ constexpr std::int64_t kMorePaths = 3;
 Answer<std::string> Storage::deviceOfPath(const std::string& path) const {
   if (!blocks_.available()) return {notAvailable(kNoBlockDevices), {}};
   const auto block = blocks_.find(path);
-  const auto paths = blocks_.paths();
-  const auto found = block ? paths.find(*block) : paths.end();
-  if (found == paths.end()) return {{ENOENT, "no storage path " + shownName(path)}, {}};
-  return {{}, blocks_.title(found->second)};
+  if (!block || !blocks_.isPath(*block)) return {{ENOENT, "no storage path " + shownName(path)}, {}};
+  return {{}, blocks_.title(blocks_.deviceOf(*block))};
 }
 
 Answer<std::string> Storage::resolve(const std::string& name) const {
@@ -69,16 +67,14 @@ Answer<std::map<std::string, std::string>> Storage::paths() const {
 
 Answer<std::map<std::string, StorageDevice>> Storage::devices() const {
   if (!blocks_.available()) return {notAvailable(kNoBlockDevices), {}};
-  Answer<std::map<std::string, StorageDevice>> devices;
-  for (const auto& path : blocks_.paths()) {
-    if (devices.value.size() >= kDirectoryNames) break;
-    devices.value.try_emplace(blocks_.title(path.second));
-  }
-  // A map that has lost its last path is still there.
+  std::map<std::string, std::string> blocks;
+  for (const auto& path : blocks_.paths()) blocks.try_emplace(blocks_.title(path.second), path.second);
+  // A map that has lost its last path is still there, and a map goes before a disk of its name.
   for (const std::string& block : blocks_.all()) {
-    if (blocks_.isMap(block)) devices.value.try_emplace(blocks_.title(block));
+    if (blocks_.isMap(block)) blocks.insert_or_assign(blocks_.title(block), block);
   }
-  for (auto& [name, device] : devices.value) device = this->device(name).value;
+  Answer<std::map<std::string, StorageDevice>> devices;
+  for (const auto& [name, block] : blocks) devices.value.emplace(name, facts(block));
   return devices;
 }
 

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <limits>
 
@@ -41,6 +42,13 @@ std::string_view nextWord(std::string_view& commandLine) {
 bool isEmulator(std::string_view program) {
   constexpr std::string_view kSystem = "qemu-system-";
   return (program.starts_with(kSystem) && program.size() > kSystem.size()) || program == "qemu-kvm" || program == "kvm";
+}
+
+/// Whether a process of that program has the name (comm) of the script that it runs.
+bool isInterpreter(std::string_view program) {
+  constexpr std::array<std::string_view, 7> kExact = {"sh", "bash", "dash", "ksh", "zsh", "busybox", "env"};
+  return std::find(kExact.begin(), kExact.end(), program) != kExact.end() || program.starts_with("python") ||
+         program.starts_with("perl");
 }
 
 /// Cuts a value off a list of options: up to a single comma, doubled ones standing for one.
@@ -93,10 +101,11 @@ std::string described(const VmIdentity& vm) {
 }  // namespace
 
 bool isVirtualMachine(std::string_view comm, std::string_view commandLine) {
-  const std::string_view program = nextWord(commandLine);
+  std::string_view program = nextWord(commandLine);
   // Threads of the kernel and processes that have ended have no command line.
   if (program.empty()) return false;
-  return isEmulator(comm) || isEmulator(program.substr(program.rfind('/') + 1));
+  program.remove_prefix(program.rfind('/') + 1);
+  return isEmulator(program) || (isEmulator(comm) && !isInterpreter(program));
 }
 
 std::optional<std::string> virtualMachineName(std::string_view commandLine) {
@@ -167,6 +176,7 @@ Outcome VirtualMachines::kill(std::int64_t worldId) const {
   if (control_ == nullptr) return notAvailable(proc_ + " is not this machine's");
   const Answer<UniqueFd> held = control_->hold(static_cast<pid_t>(worldId));
   if (held.outcome.status == ESRCH || held.outcome.status == EINVAL) return noVm(worldId);
+  if (held.outcome.status == ENOSYS) return notAvailable("this kernel cannot hold a process: it has no pidfd_open");
   if (!held.ok()) return {held.outcome.status, described(meant.value) + " cannot be held: " + reasonOf(held.outcome)};
   // Between the look and the hold the number may have passed to another process; from here it cannot.
   const Answer<VmIdentity> vm = ofWorld(worldId);

@@ -61,11 +61,11 @@ std::optional<std::string> Volumes::labelOf(const std::string& block) const {
 std::optional<std::string> Volumes::blockOf(const Mount& mount) const {
   constexpr std::string_view kNoDevice = "0:";
   constexpr std::string_view kDev = "/dev/";
-  if (!mount.number.starts_with(kNoDevice)) {
-    if (auto block = blocks_.ofNumber(mount.number)) return block;
-  }
-  // A file system over several devices has a number of its own, but names one of them.
-  if (!mount.source.starts_with(kDev)) return std::nullopt;
+  if (!mount.number.starts_with(kNoDevice)) return blocks_.ofNumber(mount.number);
+  // These stand on several devices and name one of them. Elsewhere the source may be any text: that of
+  // FUSE is its user's.
+  if (mount.fileSystem != "btrfs" && mount.fileSystem != "bcachefs") return std::nullopt;
+  if (!mount.source.starts_with(kDev) || !isLexicallyPlain(mount.source)) return std::nullopt;
   const std::string name = mount.source.substr(kDev.size());
   if (auto target = linkName(roots_.dev + "/" + name); target && blocks_.has(*target)) return target;
   if (blocks_.has(name)) return name;

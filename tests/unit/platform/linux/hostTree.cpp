@@ -109,9 +109,11 @@ void HostTree::mounts(const std::vector<std::string>& lines) const {
     std::string root;
     std::string point;
     std::string source;
+    std::string fileSystem = "ext4";
     words >> number >> root >> point >> source;
+    if (std::string last; words >> last) fileSystem = last;
     text.append(std::to_string(++id)).append(" 1 ").append(number).append(" ").append(root).append(" ").append(point);
-    text.append(" rw,relatime shared:1 - ext4 ").append(source).append(" rw\n");
+    text.append(" rw,relatime shared:1 - ").append(fileSystem).append(" ").append(source).append(" rw\n");
   }
   write("proc/self/mountinfo", text);
 }

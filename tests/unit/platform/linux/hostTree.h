@@ -41,7 +41,7 @@ class HostTree : public testing::Test {
   void partition(const std::string& disk, const std::string& name, const std::string& number, int which) const;
   void deviceMapper(const std::string& name, const std::string& number, const std::string& title,
                     const std::string& uuid, const std::vector<std::string>& slaves) const;
-  /// Lines of mountinfo: "NUMBER ROOT POINT SOURCE".
+  /// Lines of mountinfo: "NUMBER ROOT POINT SOURCE [FILESYSTEM]", ext4 where none is named.
   void mounts(const std::vector<std::string>& lines) const;
 
   [[nodiscard]] platform::LinuxRoots roots() const;

@@ -190,6 +190,10 @@ TEST_F(MachineTest, NamesTheDatastoreOfAFileOnALabelledFileSystem) {
   link("dev/disk/by-label/keld\\x20test", "dev/" + image.device());
   LinuxRoots roots;
   roots.dev = path("dev");
+  // This process' mounts alone: those of process 1 are outside its namespace.
+  roots.proc = path("proc");
+  std::filesystem::create_directories(roots.proc);
+  std::filesystem::create_directory_symlink("/proc/self", path("proc/self"));
   const platform::Storage storage(roots);
   EXPECT_EQ(storage.datastorePath(path("mounted here/vm/sys.swp")).value, "keld test: vm/sys.swp");
   EXPECT_EQ(platform::Volumes(roots).volumeOn(image.device()).value, "keld test");

@@ -93,6 +93,13 @@ TEST_F(MountsTest, AMachineWithoutMountinfoHasNoneToShow) {
   EXPECT_EQ(mounts.outcome.text, "not available: " + path("proc/self/mountinfo") + ": No such file or directory");
 }
 
+TEST_F(MountsTest, TheMachinesMountsGoBeforeThoseOfThisProcess) {
+  write("proc/self/mountinfo", "36 35 8:1 / /service rw - ext4 /dev/a rw\n");
+  EXPECT_EQ(readMounts(roots().proc).value.at(0).point, "/service");
+  write("proc/1/mountinfo", "36 35 8:1 / /home rw - ext4 /dev/a rw\n");
+  EXPECT_EQ(readMounts(roots().proc).value.at(0).point, "/home");
+}
+
 TEST_F(MountsTest, AMountinfoBeyondTheLimitIsRefused) {
   write("proc/self/mountinfo", std::string(platform::kMountInfoBytes + 1, 'x'));
   EXPECT_EQ(readMounts(roots().proc).outcome.status, ENOTSUP);

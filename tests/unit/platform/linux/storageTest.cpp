@@ -70,6 +70,23 @@ TEST_F(StorageTest, AnUnusableDiskHasNoPath) {
   }
 }
 
+TEST_F(StorageTest, APathThatItsArrayTakesNoRequestsOnIsNotUsable) {
+  const std::pair<const char*, std::int64_t> states[] = {{"active/optimized", 2}, {"active/non-optimized", 2},
+                                                         {"standby", 2},          {"unavailable", 1},
+                                                         {"offline", 1},          {"lba-dependent", 2}};
+  scsiDisk("sda", "8:0", "2:0:0:1");
+  for (const auto& [state, redundancyState] : states) {
+    write("sys/class/block/sda/device/access_state", std::string(state) + "\n");
+    EXPECT_EQ(redundancy("sda"), redundancyState) << state;
+  }
+}
+
+TEST_F(StorageTest, ASlashInADevicesNameIsAnExclamationMarkInSysfs) {
+  disk("cciss!c0d0", "104:0", "pci0000:00/0000:00:06.0/cciss0");
+  EXPECT_EQ(storage().deviceOfPath("/dev/cciss/c0d0").value, "cciss!c0d0");
+  EXPECT_EQ(redundancy("cciss/c0d0"), 2);
+}
+
 TEST_F(StorageTest, APathUnderAMapLeadsToTheMap) {
   multipath({"running", "running"});
   scsiDisk("sdz", "65:144", "9:0:0:0");
@@ -128,6 +145,7 @@ TEST_F(StorageTest, AMapGoesBeforeADiskOfTheSameName) {
   multipath({"running", "running"});
   scsiDisk("mpatha", "66:0", "9:0:0:0");
   EXPECT_EQ(redundancy("mpatha"), 3);
+  EXPECT_EQ(storage().devices().value.at("mpatha").redundancyState, 3);
 }
 
 TEST_F(StorageTest, VolumesLoopAndMemoryDevicesAreNoDevices) {
@@ -175,6 +193,8 @@ TEST_F(StorageTest, TheHiddenPathsOfAnNvmeNameSpaceAreItsPaths) {
     write(std::string("sys/class/block/") + path + "/ana_state", "optimized\n");
   }
   EXPECT_THAT(storage().paths().value, ElementsAre(Pair("nvme1c2n1", "nvme1n1"), Pair("nvme1c3n1", "nvme1n1")));
+  EXPECT_EQ(storage().deviceOfPath("nvme1c2n1").value, "nvme1n1");
+  EXPECT_EQ(storage().deviceOfPath("nvme1n1").outcome.status, ENOENT) << "its hidden disks are the paths";
   EXPECT_EQ(redundancy("nvme1n1"), 3);
   write("sys/class/block/nvme1c2n1/ana_state", "inaccessible\n");
   EXPECT_EQ(redundancy("nvme1n1"), 2);

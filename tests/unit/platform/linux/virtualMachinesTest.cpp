@@ -80,6 +80,12 @@ TEST(VirtualMachine, IsNothingElse) {
   EXPECT_FALSE(isVirtualMachine("qemu-kvm", commandLine({"", "x"})));
 }
 
+TEST(VirtualMachine, IsNoScriptOfItsName) {
+  for (const char* const interpreter : {"/bin/sh", "bash", "/usr/bin/python3", "/usr/bin/perl"}) {
+    EXPECT_FALSE(isVirtualMachine("kvm", commandLine({interpreter, "./kvm"}))) << interpreter;
+  }
+}
+
 TEST(VirtualMachineName, IsThatOfTheNameOption) {
   const std::pair<const char*, const char*> names[] = {
       {"guest=web01", "web01"},
@@ -216,6 +222,8 @@ TEST_F(VirtualMachinesTest, RefusalsOfTheKernelAreReturned) {
   EXPECT_EQ(vms_.kill(4711).status, ESRCH);
   control_->holdStatus = EMFILE;
   EXPECT_EQ(vms_.kill(4711).status, EMFILE);
+  control_->holdStatus = ENOSYS;
+  EXPECT_EQ(vms_.kill(4711).text, "not available: this kernel cannot hold a process: it has no pidfd_open");
 }
 
 TEST_F(VirtualMachinesTest, WithoutControlNothingIsKilled) {

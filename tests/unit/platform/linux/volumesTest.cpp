@@ -118,11 +118,23 @@ TEST_F(VolumesTest, WholeFileSystemsGoBeforeDirectoriesOfThem) {
 }
 
 TEST_F(VolumesTest, AFileSystemWithANumberOfItsOwnIsFoundByItsSource) {
-  mounts({"0:35 / /pool /dev/sda2", "0:36 / /lv /dev/mapper/vg-x", "0:37 / /tmp tmpfs"});
+  mounts({"0:35 / /pool /dev/sda2 btrfs", "0:36 / /lv /dev/mapper/vg-x bcachefs", "0:37 / /tmp tmpfs tmpfs"});
   EXPECT_EQ(volume(2).value, "/pool");
   deviceMapper("dm-0", "253:0", "vg-x", "LVM-abc", {"sda1"});
   link("dev/mapper/vg-x", "dev/dm-0");
   EXPECT_EQ(volume(1).value, "/lv");
+}
+
+TEST_F(VolumesTest, ASourceThatAnybodyMayWriteIsNoDevice) {
+  mounts({"0:50 / /home/mallory/m /dev/sda1 fuse.sshfs", "0:51 / /ram /dev/sda1 tmpfs",
+          "0:52 / /up /dev/mapper/../sda1 btrfs"});
+  link("dev/sda1", "dev/block/sda1");
+  write("run/udev/data/b8:1", "E:ID_FS_LABEL=datastore1\n");
+  EXPECT_EQ(volume(1).outcome.status, ENOENT);
+  for (const char* const name : {"/home/mallory/m/a", "/ram/a", "/up/a"}) {
+    EXPECT_EQ(datastore(name).outcome.status, ENOENT) << name;
+  }
+  EXPECT_TRUE(Storage(roots()).mounts().value.empty());
 }
 
 TEST_F(VolumesTest, ADatastorePathNamesTheLabelAndTheRest) {
@@ -152,7 +164,7 @@ TEST_F(VolumesTest, OnlyPlainAbsolutePathsAreLookedFor) {
 }
 
 TEST_F(VolumesTest, AFileSystemOfNoDeviceIsNoDatastore) {
-  mounts({"0:30 / /net server:/export", "0:31 / /tmp tmpfs", "0:32 / /odd /dev/../../etc"});
+  mounts({"0:30 / /net server:/export", "0:31 / /tmp tmpfs", "0:32 / /odd /dev/../../etc btrfs"});
   for (const char* const name : {"/net/a", "/tmp/a", "/odd/a"}) EXPECT_EQ(datastore(name).outcome.status, ENOENT);
 }
 
