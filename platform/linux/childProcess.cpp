@@ -26,6 +26,8 @@ using Clock = std::chrono::steady_clock;
 
 /// How long a killed program may take to be gone.
 constexpr std::chrono::seconds kEndOfKilled{5};
+/// How often a child is looked at that cannot be waited for.
+constexpr std::chrono::milliseconds kLook{10};
 /// How often complaints are read before anything else is looked at.
 constexpr int kReadsAtOnce = 16;
 
@@ -103,13 +105,14 @@ class Child {
   bool wait(Clock::time_point end) {
     while (true) {
       std::array<pollfd, 2> ready{{{held_.get(), POLLIN, 0}, {complaints_.get(), POLLIN, 0}}};
-      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now()).count();
-      if (!held_ || left <= 0) return false;
-      const int count = ::poll(ready.data(), ready.size(), static_cast<int>(left));
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+      if (left.count() <= 0) return false;
+      // Without a pidfd, of which the process or the kernel may have none, it is looked at now and then.
+      const auto pause = held_ ? left : std::min(left, kLook);
+      const int count = ::poll(ready.data(), ready.size(), static_cast<int>(pause.count()));
       if (count < 0 && errno != EINTR) return false;
-      if (count <= 0) continue;
-      if (ready[1].revents != 0) listen();
-      if (ready[0].revents != 0) break;
+      if (count > 0 && ready[1].revents != 0) listen();
+      if (held_ ? count > 0 && ready[0].revents != 0 : hasEnded()) break;
     }
     listen();
     return true;
@@ -122,7 +125,7 @@ class Child {
     siginfo_t end{};
     int status = 0;
     do {
-      status = ::waitid(P_PID, static_cast<id_t>(pid_), &end, held_ ? WEXITED | WNOHANG : WEXITED);
+      status = ::waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG);
     } while (status != 0 && errno == EINTR);
     if (status != 0 || end.si_pid != pid_) return std::nullopt;
     return end;
@@ -135,6 +138,12 @@ class Child {
   }
 
  private:
+  /// Also where somebody else took how it ended.
+  [[nodiscard]] bool hasEnded() const {
+    siginfo_t end{};
+    return ::waitid(P_PID, static_cast<id_t>(pid_), &end, WEXITED | WNOHANG | WNOWAIT) != 0 || end.si_pid == pid_;
+  }
+
   /// Takes what there is. What goes beyond the limit is read, too, or the child would wait for ever.
   void listen() {
     std::array<char, 4096> bytes{};

@@ -45,7 +45,10 @@ Answer<std::uint32_t> Pages::status(std::uint64_t page) const {
   const std::uint64_t index = page / pagesPerKernelPage_;
   const Outcome beyond{ENXIO, "page " + hexadecimalText(page) + " is beyond this machine's memory"};
   if (index > static_cast<std::uint64_t>(std::numeric_limits<off_t>::max()) / sizeof flags) return {beyond, {}};
-  const UniqueFd file(::open(flagsFile_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  UniqueFd file;
+  do {
+    file.reset(::open(flagsFile_.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  } while (!file && errno == EINTR);
   if (!file) return {notAvailable(flagsFile_ + ": " + errnoText(errno)), {}};
   std::array<char, sizeof flags> bytes{};
   ssize_t got = -1;
@@ -89,22 +92,24 @@ Outcome Pages::retire(std::uint64_t page, std::int64_t count, const std::string&
                            ")";
   if (Outcome trail = recordAction("page.retire", text); !trail.ok()) return trail;
   for (std::uint64_t next = page; next < page + static_cast<std::uint64_t>(count); ++next) {
-    remember(next);
+    const bool isNew = remember(next);
     const int status = writeKernelFile(offlineFile_, hexadecimalText(next * kPageBytes));
     if (status == 0) continue;
-    forget(next);
+    if (isNew) forget(next);
     return {status, "page " + hexadecimalText(next) + " cannot be retired: " + errnoText(status)};
   }
   return {};
 }
 
-void Pages::remember(std::uint64_t page) {
+bool Pages::remember(std::uint64_t page) {
   const std::lock_guard lock(mutex_);
-  if (!requested_.insert(page).second) return;
+  if (!requested_.insert(page).second) return false;
   order_.push_back(page);
-  if (order_.size() <= kRequestsRemembered) return;
-  requested_.erase(order_.front());
-  order_.pop_front();
+  if (order_.size() > kRequestsRemembered) {
+    requested_.erase(order_.front());
+    order_.pop_front();
+  }
+  return true;
 }
 
 void Pages::forget(std::uint64_t page) {

@@ -45,7 +45,8 @@ class Pages {
  private:
   /// Whether the machine can do it and the pages have addresses.
   [[nodiscard]] Outcome mayRetire(std::uint64_t page, std::int64_t count) const;
-  void remember(std::uint64_t page);
+  /// False where the page is remembered already.
+  bool remember(std::uint64_t page);
   void forget(std::uint64_t page);
 
   std::string flagsFile_;

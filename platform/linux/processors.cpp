@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <limits>
 #include <set>
 #include <string_view>
 
@@ -17,6 +18,16 @@ namespace {
 /// The first processor's part of cpuinfo is shorter by far.
 constexpr std::size_t kInformationBytes = std::size_t{64} * 1024;
 constexpr std::size_t kListBytes = std::size_t{256} * 1024;
+
+/// A number of the topology: -1 where the firmware does not tell it, nothing where the file does not.
+std::optional<std::int64_t> readTopology(const std::string& path) {
+  const auto word = readWord(path);
+  if (!word) return std::nullopt;
+  if (*word == "-1") return -1;
+  const auto number = parseNumber(*word);
+  if (!number || *number > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) return std::nullopt;
+  return static_cast<std::int64_t>(*number);
+}
 
 }  // namespace
 
@@ -63,10 +74,12 @@ Answer<std::string> Processors::vendor() const {
 }
 
 std::optional<Processors::Core> Processors::coreOf(std::uint32_t cpu) const {
-  const auto package = readNumber(file(cpu, "topology/physical_package_id"));
-  const auto core = readNumber(file(cpu, "topology/core_id"));
+  const auto package = readTopology(file(cpu, "topology/physical_package_id"));
+  const auto core = readTopology(file(cpu, "topology/core_id"));
   if (!package || !core) return std::nullopt;
-  return Core{*package, readNumber(file(cpu, "topology/die_id")).value_or(0), *core};
+  // Processors of cores that nobody knows are not taken for threads of one.
+  const std::int64_t ownCore = -1 - std::int64_t{cpu};
+  return Core{*package, readTopology(file(cpu, "topology/die_id")).value_or(0), *core < 0 ? ownCore : *core};
 }
 
 Answer<CpuCounts> Processors::counts() const {

@@ -42,7 +42,7 @@ class Processors {
   Outcome offline(std::int64_t cpu);
 
  private:
-  using Core = std::tuple<std::uint64_t, std::uint64_t, std::uint64_t>;
+  using Core = std::tuple<std::int64_t, std::int64_t, std::int64_t>;
 
   [[nodiscard]] std::string file(std::uint32_t cpu, const char* name) const;
   [[nodiscard]] std::optional<Core> coreOf(std::uint32_t cpu) const;

@@ -1,5 +1,8 @@
 #include "hostTree.h"
 
+#include <sys/statvfs.h>
+
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -7,10 +10,20 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
+#include <thread>
 
 namespace linktest {
 
 namespace fs = std::filesystem;
+
+bool soon(const std::function<bool()>& condition) {
+  const auto end = std::chrono::steady_clock::now() + std::chrono::minutes(1);
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
 
 HostTree::HostTree() {
   std::string pattern = (fs::temp_directory_path() / "hostTree-XXXXXX").string();
@@ -130,6 +143,11 @@ std::vector<HostTree::AuditRecord> HostTree::audit() const {
     records.push_back({json.at("record"), json.at("text")});
   }
   return records;
+}
+
+bool HostTree::runsScripts() const {
+  struct statvfs facts {};
+  return ::statvfs(directory_.c_str(), &facts) == 0 && (facts.f_flag & ST_NOEXEC) == 0;
 }
 
 void HostTree::breakAudit() const {

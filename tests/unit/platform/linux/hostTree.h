@@ -4,12 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
 #include "linux/linuxRoots.h"
 
 namespace linktest {
+
+/// Waits until `condition` holds, for a minute at most.
+bool soon(const std::function<bool()>& condition);
 
 /// What the tests of the Linux host's facts and actions share: a tree to fill, directories of the
 /// instance beside it, and the audit trail.
@@ -47,6 +51,8 @@ class HostTree : public testing::Test {
   [[nodiscard]] platform::LinuxRoots roots() const;
   [[nodiscard]] std::string path(const std::string& name) const { return directory_ + "/" + name; }
   [[nodiscard]] std::vector<AuditRecord> audit() const;
+  /// Whether scripts can be run in the tree: not where it is on a file system that is mounted noexec.
+  [[nodiscard]] bool runsScripts() const;
   /// From here on no audit record can be written.
   void breakAudit() const;
 

@@ -34,6 +34,12 @@ TEST_F(PagesTest, APageWithThePoisonFlagIsRetired) {
   EXPECT_EQ(some.status(3).value, 1U);
 }
 
+TEST_F(PagesTest, AHoleInTheMemoryIsNoRetiredPage) {
+  constexpr std::uint64_t kNoPage = std::uint64_t{1} << 20;  // KPF_NOPAGE
+  flags({kNoPage});
+  EXPECT_EQ(pages().status(0).value, 0U);
+}
+
 TEST_F(PagesTest, APageBeyondTheMemoryIsAFailure) {
   flags({0});
   write("proc/kpageflags", read("proc/kpageflags") + "1234567");
@@ -110,6 +116,19 @@ TEST_F(PagesTest, ARefusalOfTheKernelIsReturnedAndTheRequestForgotten) {
   EXPECT_EQ(outcome.status, EISDIR);
   EXPECT_EQ(outcome.text, "page 0x1 cannot be retired: Is a directory");
   EXPECT_EQ(some.status(1).value, 0U);
+}
+
+TEST_F(PagesTest, ARefusalLeavesAnEarlierRequestRemembered) {
+  write(kOffline, "");
+  flags({0, 0, 0});
+  Pages some = pages();
+  ASSERT_TRUE(some.retire(1, 1, "NiceRetire").ok());
+  remove(kOffline);
+  write(std::string(kOffline) + "/inside", "");
+  EXPECT_EQ(some.retire(1, 1, "NiceRetire").status, EISDIR);
+  EXPECT_EQ(some.retire(2, 1, "NiceRetire").status, EISDIR);
+  EXPECT_EQ(some.status(1).value, 2U);
+  EXPECT_EQ(some.status(2).value, 0U);
 }
 
 TEST_F(PagesTest, AKernelThatRetiresNoPagesSaysSo) {

@@ -84,6 +84,17 @@ TEST_F(ProcessorsTest, ANumberOfACoreMeansItsDie) {
   EXPECT_EQ(Processors(roots()).counts().value.cores, 2U);
 }
 
+TEST_F(ProcessorsTest, NumbersThatTheFirmwareDoesNotTellAreNoFailure) {
+  fourThreads();
+  for (int cpu = 0; cpu < 4; ++cpu) processor(cpu, -1, cpu / 2);
+  EXPECT_EQ(Processors(roots()).counts().value.cores, 2U);
+  for (int cpu = 0; cpu < 4; ++cpu) processor(cpu, 0, -1);
+  EXPECT_EQ(Processors(roots()).counts().value.cores, 4U);
+  write(directory(0) + "/topology/core_id", "9223372036854775808\n");
+  write(directory(1) + "/topology/core_id", "-2\n");
+  EXPECT_EQ(Processors(roots()).counts().value.cores, 2U);
+}
+
 TEST_F(ProcessorsTest, AProcessorThatWentOfflineStillCountsWithItsCore) {
   fourThreads();
   const Processors processors(roots());
