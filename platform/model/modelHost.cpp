@@ -98,6 +98,7 @@ Answer<ModelFile> ModelHost::read() const {
     model.outcome = content.outcome;
   }
   if (!model.ok()) logSparsely(file_, "model " + file_ + ": " + reasonOf(model.outcome) + "; every query fails");
+  if (!content.ok()) model.outcome.text = "model " + file_ + ": " + reasonOf(content.outcome);
   return model;
 }
 

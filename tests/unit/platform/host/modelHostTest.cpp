@@ -235,6 +235,7 @@ TEST_F(Model, AnUnusableFileFailsEveryQueryAndIsMentionedOnce) {
   std::filesystem::remove(file);
   EXPECT_EQ(host_.portGroup("Production").outcome.status, ENOENT);
   EXPECT_EQ(host_.nicDown("vmnic0").status, ENOENT);
+  EXPECT_EQ(host_.nicDown("vmnic0").text, "model " + file + ": No such file or directory");
   EXPECT_EQ(host_.openChannel(0).outcome.status, ENOENT);
   EXPECT_EQ(host_.storeTrouble("store.write").status, ENOENT);
   EXPECT_FALSE(host_.buildMatches());
