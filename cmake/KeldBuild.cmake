@@ -31,6 +31,11 @@ function(keld_test name)
   endif()
   add_executable(${name} ${ARG_SOURCES})
   target_link_libraries(${name} PRIVATE keld_build ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
+  # What is tested is built as it is shipped, and checked in full; the tests themselves are to build fast.
+  target_compile_options(${name} PRIVATE -O0)
+  if(KELD_SANITIZE MATCHES "undefined")
+    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
+  endif()
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name}
     TEST_PREFIX "${name}."
