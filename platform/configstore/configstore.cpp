@@ -3,9 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <exception>
 #include <memory>
-#include <new>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
@@ -15,6 +13,7 @@
 #include "configstore/tables.h"
 #include "host/complaints.h"
 #include "host/files.h"
+#include "host/guarded.h"
 #include "host/host.h"
 
 namespace ConfigStore {
@@ -38,21 +37,13 @@ using platform::Statement;
 constexpr std::size_t kValuesPerObject = 1024;
 constexpr std::size_t kTextBytes = std::size_t{64} * 1024;
 
-// Exceptions do not leave a C-style interface.
 template <typename Call>
 int guarded(const Call& call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  } catch (const std::exception& trouble) {
-    platform::logSparsely("configstore", std::string("configuration store: ") + trouble.what());
-    return EIO;
-  }
+  return platform::guarded<int>("configuration store", {ENOMEM, EIO}, call);
 }
 
 int failed(const Outcome& outcome) {
-  platform::logSparsely("configstore", "configuration store: " + platform::reasonOf(outcome));
+  platform::logSparsely("configuration store", "configuration store: " + platform::reasonOf(outcome));
   return outcome.status;
 }
 

@@ -5,13 +5,11 @@
 #include <charconv>
 #include <cstdint>
 #include <cstring>
-#include <exception>
-#include <new>
 #include <optional>
 #include <string>
 #include <string_view>
 
-#include "host/complaints.h"
+#include "host/guarded.h"
 #include "host/host.h"
 
 /// No volume directory exists on the reference platform's hosts; who holds one may ask the host.
@@ -19,17 +17,9 @@ struct CVFS_Directory {};
 
 namespace {
 
-// Exceptions do not leave a C-style interface.
 template <typename Call>
 int guarded(const Call& call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  } catch (const std::exception& trouble) {
-    platform::logSparsely("cvfs", std::string("volume query: ") + trouble.what());
-    return EIO;
-  }
+  return platform::guarded<int>("volume query", {ENOMEM, EIO}, call);
 }
 
 struct Partition {

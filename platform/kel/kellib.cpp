@@ -4,15 +4,13 @@
 #include <sys/socket.h>
 
 #include <cerrno>
-#include <exception>
 #include <memory>
 #include <mutex>
-#include <new>
 #include <string>
 #include <unordered_map>
 
+#include "host/guarded.h"
 #include "host/host.h"
-#include "host/platformLog.h"
 #include "host/uniqueFd.h"
 #include "kel/batch.h"
 #include "kel/batchSocket.h"
@@ -177,17 +175,9 @@ Registry& registry() {
   return *kept;
 }
 
-/// No exception passes the library's border.
 template <typename Operation>
-int guarded(Operation operation) {
-  try {
-    return operation();
-  } catch (const std::bad_alloc&) {
-    return ENOMEM;
-  } catch (const std::exception& trouble) {
-    platform::platformLog("observation library: %s", trouble.what());
-    return EINVAL;
-  }
+int guarded(const Operation& operation) {
+  return platform::guarded<int>("observation library", {ENOMEM, EINVAL}, operation);
 }
 
 int statusOf(const platform::Outcome& failure) {

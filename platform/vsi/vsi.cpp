@@ -2,12 +2,11 @@
 
 #include <cerrno>
 #include <cstring>
-#include <exception>
 #include <new>
 #include <string>
 #include <string_view>
 
-#include "host/complaints.h"
+#include "host/guarded.h"
 #include "host/host.h"
 #include "host/options.h"
 #include "vsi/paramList.h"
@@ -26,17 +25,9 @@ constexpr QK_ReturnStatus kErrnoMax = 4095;
 /// What all kernel failures have in their high bits.
 constexpr QK_ReturnStatus kFailureMark = 0xbad0000;
 
-// Exceptions do not leave a C-style interface.
 template <typename Call>
 QK_ReturnStatus guarded(const Call& call) {
-  try {
-    return call();
-  } catch (const std::bad_alloc&) {
-    return QK_NO_MEMORY;
-  } catch (const std::exception& trouble) {
-    platform::logSparsely("vsi", std::string("system information: ") + trouble.what());
-    return QK_FAILURE;
-  }
+  return platform::guarded<QK_ReturnStatus>("system information", {QK_NO_MEMORY, QK_FAILURE}, call);
 }
 
 const std::string* stringAt(const VSI_ParamList* list, std::size_t index) {
