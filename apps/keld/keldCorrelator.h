@@ -70,11 +70,13 @@ extern const CorrelatorInfo kScsiCorrelator;
 extern const CorrelatorInfo kApdCorrelator;
 extern const CorrelatorInfo kIscsiCorrelator;
 extern const CorrelatorInfo kCvfsCorrelator;
+extern const CorrelatorInfo kUserLevelCorrelator;
 extern const CorrelatorInfo kHardwareCorrelator;
 extern const CorrelatorInfo kCpuCorrelator;
 extern const CorrelatorInfo kUserWorldCorrelator;
 extern const CorrelatorInfo kSwapCorrelator;
 extern const CorrelatorInfo kVmCorrelator;
+extern const CorrelatorInfo kGenericCorrelator;
 extern const CorrelatorInfo kMigrateCorrelator;
 extern const CorrelatorInfo kPageRetireCorrelator;
 extern const CorrelatorInfo kMemfsCorrelator;
@@ -82,6 +84,8 @@ extern const CorrelatorInfo kVfatCorrelator;
 extern const CorrelatorInfo kClockCorrelator;
 extern const CorrelatorInfo kSchedCorrelator;
 extern const CorrelatorInfo kVscsiCorrelator;
+extern const CorrelatorInfo kDstorCorrelator;
+extern const CorrelatorInfo kHcmCorrelator;
 
 /// Every correlator in the order in which the daemon starts them.
 std::span<const CorrelatorInfo* const> correlators();

@@ -84,4 +84,42 @@ class QuietPeriods {
   std::map<std::string, QuietPeriod> periods_;
 };
 
+/// One report an hour for each disk group or disk, whichever of its errors it tells of. The hour counts
+/// from the last report, and a disk that is new is reported whatever the clock shows.
+class DstorErrorHoldoff {
+ public:
+  static constexpr std::int64_t kPeriodSeconds = 3600;
+
+  /// True, and the hour begins, where an error of `disk` is to be reported at second `now`.
+  bool report(std::string_view disk, std::int64_t now) {
+    const auto [known, isNew] = lastReported_.try_emplace(std::string(disk), now);
+    if (!isNew && now < known->second + kPeriodSeconds) return false;
+    known->second = now;
+    return true;
+  }
+
+ private:
+  std::map<std::string, std::int64_t> lastReported_;
+};
+
+/// Lets each key pass once in a while: again only when more than the period has gone by since it last
+/// did. Keys are never forgotten.
+template <typename Key>
+class RateTable {
+ public:
+  explicit RateTable(std::int64_t periodSeconds) : periodSeconds_(periodSeconds) {}
+
+  /// True, and the period begins, where `key` passes at second `now`.
+  bool passes(const Key& key, std::int64_t now) {
+    std::int64_t& last = lastPassed_[key];
+    if (now - last <= periodSeconds_) return false;
+    last = now;
+    return true;
+  }
+
+ private:
+  std::int64_t periodSeconds_;
+  std::map<Key, std::int64_t> lastPassed_;
+};
+
 }  // namespace keld

@@ -34,8 +34,9 @@ void wording_without_argument();           // NOLINT(readability-identifier-nami
 /// A text of an observation. One that is null is passed on as it is, and shows as "(null)".
 using Text = const char*;
 
-/// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder.
-enum class Arg { none, text, i16, i32, i64, any };
+/// What an argument is read as; `any` is an integer read by index, which fits every integer placeholder,
+/// `count` one without sign, which fits those of 64 bits.
+enum class Arg { none, text, i16, i32, i64, any, count };
 
 /// The n-th conversion of `format`; `text` is the letter that means text there: 's' writing, and 'p'
 /// reading, where 's' does as well.
@@ -55,13 +56,18 @@ constexpr Arg conversion(std::string_view format, char text, std::size_t n) {
   return Arg::none;
 }
 
-/// Argument n of a reading: "%p %d", or a message with its conversions, is one Kel_GetArgs call; "si" is
-/// text and integer by index.
+/// Argument n of a reading: "%p %d", or a message with its conversions, is one Kel_GetArgs call; "siu" is
+/// text, integer and count by index.
 constexpr Arg argument(std::string_view read, std::size_t n) {
   if (read.find('%') != std::string_view::npos) return conversion(read, 'p', n);
   if (n >= read.size()) return Arg::none;
-  if (read[n] != 's' && read[n] != 'i') unknown_conversion();
-  return read[n] == 's' ? Arg::text : Arg::any;
+  if (std::string_view("siu").find(read[n]) == std::string_view::npos) unknown_conversion();
+  return read[n] == 's' ? Arg::text : read[n] == 'i' ? Arg::any : Arg::count;
+}
+
+/// Whether an argument read as `have` fills a placeholder that prints `want`.
+constexpr bool fits(Arg have, Arg want) {
+  return have == want || (have == Arg::any && want != Arg::text) || (have == Arg::count && want == Arg::i64);
 }
 
 constexpr std::size_t argumentCount(std::string_view read) {
@@ -117,7 +123,7 @@ struct Row {
       const Arg want = conversion(eventMessage(t), 's', n);
       const Arg have = n < f.size() ? argument(r, static_cast<std::size_t>(f[n] - '0')) : Arg::none;
       if (have == Arg::none) placeholder_without_argument();
-      if (want != have && (want == Arg::text || have != Arg::any)) argument_does_not_fit_placeholder();
+      if (!fits(have, want)) argument_does_not_fit_placeholder();
     }
   }
 };
@@ -192,7 +198,12 @@ struct Judged {
 void addIgnored(HandlerTable& handlers, std::span<const Judged> judged);
 
 /// What a table's rows do when their arguments cannot be read.
-enum class OnUnreadable { silent, failedToGetParams, failedToCorrelate };
+enum class OnUnreadable {
+  silent,
+  failedToGetParams,
+  failedToCorrelate,
+  postsWithout,  ///< the event is posted all the same, with null texts and zeros
+};
 
 /// Logs the table's text for an observation whose arguments could not be read.
 void logUnreadable(OnUnreadable how, const Kel* observation, int status);
@@ -214,6 +225,8 @@ class Translation {
       return std::int16_t{};
     else if constexpr (kArg == Arg::i32)
       return int{};
+    else if constexpr (kArg == Arg::count)
+      return std::uint64_t{};
     else
       return std::int64_t{};
   }
@@ -223,6 +236,9 @@ class Translation {
   }
   static int readOne(const Kel* observation, unsigned index, std::int64_t* value) {
     return Kel_GetIntArg(observation, index, value);
+  }
+  static int readOne(const Kel* observation, unsigned index, std::uint64_t* value) {
+    return Kel_GetUintArg(observation, index, value);
   }
 
   /// How reading went, and the argument at which it failed by index.
@@ -263,11 +279,12 @@ class Translation {
 // The text of a row is checked while it is compiled.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wformat-security"
-  /// False where the arguments could not be read; nothing is posted then.
+  /// False where the arguments could not be read and nothing was posted.
   static bool handle(Post& post, OnUnreadable how, const Kel* observation) {
     return [&]<std::size_t... kN>(std::index_sequence<kN...>) {
       std::tuple values{valueType<argument(kRow.read, kN)>()...};
-      if (const Reading reading = read(observation, values, kArguments); reading.status != 0) {
+      if (const Reading reading = read(observation, values, kArguments);
+          reading.status != 0 && how != OnUnreadable::postsWithout) {
         if constexpr (kRow.unreadable.empty())
           logUnreadable(how, observation, reading.status);
         else

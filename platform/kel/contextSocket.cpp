@@ -7,7 +7,6 @@
 #include "host/files.h"
 #include "host/paths.h"
 #include "kel/localAddress.h"
-#include "platform/kellib.h"
 
 namespace platform {
 
@@ -17,13 +16,9 @@ constexpr mode_t kOwnerOnly = 0600;
 /// Connections that may wait to be accepted; the daemon serves eight at a time.
 constexpr int kListenBacklog = 16;
 
-std::string contextDirectory() {
-  return runDirectory() + "/kel";
-}
-
 int makeContextDirectory() {
   const std::string runs = runDirectory();
-  const std::string directory = contextDirectory();
+  const std::string directory = contextDirectory(runs);
   struct stat facts {};
   const bool runsIsNew = ::stat(runs.c_str(), &facts) != 0;
   if (const int status = makePrivateDirectory(directory); status != 0) return status;
@@ -49,13 +44,8 @@ int removeStaleSocket(const sockaddr_un& address) {
 
 }  // namespace
 
-std::string contextName(std::uint32_t number) {
-  if (number >= KELLIB_ASYNC_CONTEXTS) return "user";
-  return {'a', 's', 'y', 'n', 'c', '-', static_cast<char>('0' + number / 10), static_cast<char>('0' + number % 10)};
-}
-
 std::string contextPath(const std::string& name) {
-  return contextDirectory() + "/" + name + ".sock";
+  return contextPath(runDirectory(), name);
 }
 
 int askForCredentials(int fd) {

@@ -3,15 +3,13 @@
 
 #include <sys/types.h>
 
-#include <cstdint>
 #include <string>
 
 #include "host/uniqueFd.h"
+#include "kel/contextPath.h"
 
 namespace platform {
 
-/// "async-00" to "async-23" for kernel contexts, "user" for the user-level one.
-std::string contextName(std::uint32_t number);
 /// Path of that context's socket under the run directory in force.
 std::string contextPath(const std::string& name);
 

@@ -85,6 +85,14 @@ int integerArgument(const ArgumentArea& area, std::size_t index, std::int64_t* v
   }
 }
 
+int unsignedArgument(const ArgumentArea& area, std::size_t index, std::uint64_t* value) {
+  std::int64_t widened = 0;
+  if (const int status = integerArgument(area, index, &widened); status != 0) return status;
+  const bool whole = MsgFmt_LoadArg(area.array, index).type != MSGFMT_ARG_INT32;
+  *value = whole ? static_cast<std::uint64_t>(widened) : static_cast<std::uint32_t>(widened);
+  return 0;
+}
+
 int stringArgument(const ArgumentArea& area, std::size_t index, const char** value) {
   if (index >= area.count) return KEL_ERR_NO_ARGUMENT;
   const auto number = static_cast<std::uint32_t>(index);

@@ -14,8 +14,9 @@ struct ArgumentArea {
   std::uint32_t count = 0;
 };
 
-/// As Kel_GetIntArg and Kel_GetStringArg.
+/// As Kel_GetIntArg, Kel_GetUintArg and Kel_GetStringArg.
 int integerArgument(const ArgumentArea& area, std::size_t index, std::int64_t* value);
+int unsignedArgument(const ArgumentArea& area, std::size_t index, std::uint64_t* value);
 int stringArgument(const ArgumentArea& area, std::size_t index, const char** value);
 
 /// Whether the arguments from number `first` on fit `format`: 0 or the status of Kel_GetArgs.

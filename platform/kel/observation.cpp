@@ -57,6 +57,10 @@ int Kel_GetIntArg(const Kel* observation, unsigned index, std::int64_t* value) {
   return platform::integerArgument(argumentsOf(observation), index, value);
 }
 
+int Kel_GetUintArg(const Kel* observation, unsigned index, std::uint64_t* value) {
+  return platform::unsignedArgument(argumentsOf(observation), index, value);
+}
+
 int Kel_GetStringArg(const Kel* observation, unsigned index, const char** value) {
   return platform::stringArgument(argumentsOf(observation), index, value);
 }

@@ -44,6 +44,10 @@ int Kel_GetArgs(const Kel* observation, unsigned first, const char* format, ...)
 /// KEL_ERR_NO_ARGUMENT or KEL_ERR_ARGUMENT_TYPE; `*value` is untouched on failure.
 int Kel_GetIntArg(const Kel* observation, unsigned index, std::int64_t* value);
 
+/// Reads integer argument number `index` as a count without sign: one of 64 bits whole, a smaller one
+/// extended by zeros. Returns as Kel_GetIntArg does.
+int Kel_GetUintArg(const Kel* observation, unsigned index, std::uint64_t* value);
+
 /// Reads text argument number `index`; a null string yields nullptr and success. Returns as
 /// Kel_GetIntArg does.
 int Kel_GetStringArg(const Kel* observation, unsigned index, const char** value);

@@ -1,6 +1,7 @@
 // The emitting side of the observation library: building raw records and sending batches of them.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -41,14 +42,19 @@ class Sender {
   Sender& operator=(Sender&& other) noexcept;
   ~Sender();
 
+  using Due = std::optional<std::chrono::steady_clock::time_point>;
+
   /// Connects to the datagram socket of kernel context `number`. Returns 0 or a positive errno.
   int openContext(std::uint32_t number);
   /// Connects to the user-level context. Returns 0 or a positive errno.
   int openUser();
-  /// Sends one batch, waiting while the receiver's queue is full. Returns 0 or a positive errno.
-  int send(const std::vector<char>& batch);
+  /// Sends one batch, waiting while the receiver's queue is full, until `due` where there is one.
+  /// Returns 0 or a positive errno, EAGAIN where `due` has passed.
+  int send(const std::vector<char>& batch, Due due = std::nullopt);
 
  private:
+  int open(const std::string& path, int type);
+
   int fd_ = -1;
 };
 
