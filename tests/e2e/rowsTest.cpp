@@ -66,6 +66,7 @@ class Rows : public EndToEnd, public testing::WithParamInterface<Table> {
     const std::uint64_t stampUs = send(row.id, row.arguments);
     if (row.kind != RowKind::unknown) expectLine(observationLine(GetParam().thread, stampUs, row.id, row.id) + "\n");
     if (row.posts()) followEvent(row);
+    for (const Row& further : row.further) followEvent(further);
     expectLine(row.log);
     if (!row.log.empty()) log().waitFor(row.log, [&](const LogLine& line) { return wholeText(line) == row.log; });
   }
@@ -171,10 +172,18 @@ INSTANTIATE_TEST_SUITE_P(Of, Rows, testing::ValuesIn(tables()),
 
 class RowTables : public EndToEnd {};
 
+using Observations = std::map<std::string, std::set<std::string>>;  // and the events of each
+
+void expectListed(const Observations& observations, const std::string& event) {
+  const bool listed = std::any_of(observations.begin(), observations.end(),
+                                  [&](const auto& entry) { return entry.second.count(event) != 0; });
+  EXPECT_TRUE(listed) << event;
+}
+
 TEST_F(RowTables, HoldEveryObservationOfTheCatalogueAndNoEventThatItLacks) {
   const Outcome catalogue = run(workspace(), KELCTL_PROGRAM, {"catalog", "--json"});
   ASSERT_TRUE(catalogue.ending.with(0)) << catalogue.error;
-  std::map<std::string, std::map<std::string, std::set<std::string>>> listed;  // by thread and observation
+  std::map<std::string, Observations> listed;  // by thread
   for (const auto& entry : nlohmann::json::parse(catalogue.output)) {
     auto& events = listed[entry["correlator"].get<std::string>() + "Correlator"][entry["observation"]];
     for (const auto& event : entry["events"]) events.insert(event["event"].get<std::string>());
@@ -185,10 +194,8 @@ TEST_F(RowTables, HoldEveryObservationOfTheCatalogueAndNoEventThatItLacks) {
     std::set<std::string> held;
     for (const Row& row : loadTable(table)) {
       held.insert(row.id);
-      if (!row.posts()) continue;
-      const bool known = std::any_of(observations.begin(), observations.end(),
-                                     [&](const auto& entry) { return entry.second.count(row.event) != 0; });
-      EXPECT_TRUE(known) << row.event;
+      if (row.posts()) expectListed(observations, row.event);
+      for (const Row& further : row.further) expectListed(observations, further.event);
     }
     // What the network correlator makes of its uplinks is no table.
     if (table.name == "net") continue;

@@ -58,21 +58,40 @@ Value understood(std::variant<Value, kelctl::WordsError> read) {
   return std::get<Value>(std::move(read));
 }
 
-Row rowOf(const std::string& line) {
-  const std::vector<std::string> columns = columnsOf(line);
-  const auto words = understood(kelctl::splitWords(columns[0] + " " + columns[1]));
-  kelctl::EmitWords emitted = understood(kelctl::parseEmitWords(words));
+/// The kind, event and text of a line.
+Row eventOf(const std::vector<std::string>& columns) {
   Row row;
-  row.id = emitted.id.value();
-  row.arguments = std::move(emitted.arguments);
   row.kind = kKinds.at(columns[2]);
   row.event = columns[3];
   row.text = plain(columns[4]);
-  row.log = plain(columns[5]);
-  if (row.posts() && !row.arguments.empty() && columns[6] != kNotTried) row.withoutLast = plain(columns[6]);
   if (row.posts() == row.event.empty() || !row.event.starts_with(eventPrefix(row.kind)))
     throw std::runtime_error("the event does not fit the kind");
   return row;
+}
+
+Row rowOf(const std::vector<std::string>& columns) {
+  const auto words = understood(kelctl::splitWords(columns[0] + " " + columns[1]));
+  kelctl::EmitWords emitted = understood(kelctl::parseEmitWords(words));
+  Row row = eventOf(columns);
+  row.id = emitted.id.value();
+  row.arguments = std::move(emitted.arguments);
+  row.log = plain(columns[5]);
+  if (row.posts() && !row.arguments.empty() && columns[6] != kNotTried) row.withoutLast = plain(columns[6]);
+  return row;
+}
+
+void addLine(std::vector<Row>& rows, const std::string& line) {
+  const std::vector<std::string> columns = columnsOf(line);
+  if (!columns[0].empty()) {
+    rows.push_back(rowOf(columns));
+    return;
+  }
+  Row further = eventOf(columns);
+  if (rows.empty() || !rows.back().posts() || !further.posts())
+    throw std::runtime_error("a further event needs one before it");
+  if (!columns[1].empty() || !columns[5].empty() || !columns[6].empty())
+    throw std::runtime_error("a further event has a kind, a name and a text only");
+  rows.back().further.push_back(std::move(further));
 }
 
 }  // namespace
@@ -95,7 +114,7 @@ std::vector<Row> loadRows(const std::string& file) {
       continue;
     }
     try {
-      rows.push_back(rowOf(line));
+      addLine(rows, line);
     } catch (const std::exception& trouble) {
       throw std::runtime_error(file + ":" + std::to_string(number) + ": " + trouble.what());
     }

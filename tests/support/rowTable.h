@@ -8,6 +8,7 @@
 //   log           what the daemon logs beside its lines of the observation and of the event
 //   without last  what it logs where the last argument is missing, and then posts nothing; "-" where
 //                 such an observation is not to be tried
+// A line whose observation and arguments are empty is a further event of the observation above it.
 // In the last three columns \t, \n, \s and \\ stand for a tab, a line feed, a blank and a backslash.
 // A line "model", a tab and JSON puts a model of the host in force for the rows that follow; a line
 // that begins with '#' is a remark. Rows are made to be sent in their order to a fresh correlator.
@@ -41,6 +42,8 @@ struct Row {
   std::string log;
   /// What is logged without the last argument; none where that is not to be tried.
   std::optional<std::string> withoutLast;
+  /// The events that the same observation posts after this one: kind, event and text.
+  std::vector<Row> further;
 
   [[nodiscard]] bool posts() const { return kind != RowKind::none && kind != RowKind::unknown; }
   /// The arguments less the last one.
