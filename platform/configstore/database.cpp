@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
 
 #include "host/paths.h"
 #include "host/uniqueFd.h"
@@ -57,16 +58,43 @@ int waitABit(void*, int attempts) {
   return 1;
 }
 
+void sync(int fd) {
+  while (::fsync(fd) != 0 && errno == EINTR) {
+  }
+}
+
+/// Has the names in a directory outlast a loss of power. Not every file system can do that, which is
+/// no reason to store nothing.
+void syncDirectory(const std::filesystem::path& path) {
+  const UniqueFd directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory) sync(directory.get());
+}
+
 // An empty file is a valid database. It is made under another name and then linked, because to close
 // a descriptor of a database drops every lock that this process holds on it.
 int makeEmptyFile(const std::string& path) {
   std::string temporary = path + ".XXXXXX";
   UniqueFd file(::mkostemp(temporary.data(), O_CLOEXEC));
   if (!file) return errno;
+  sync(file.get());
   file.reset();
   const int status = ::link(temporary.c_str(), path.c_str()) == 0 || errno == EEXIST ? 0 : errno;
   (void)::unlink(temporary.c_str());
   return status;
+}
+
+/// Makes the file and what is missing of its directory's path.
+int makeDatabaseFile(const std::string& path) {
+  const std::filesystem::path home = std::filesystem::path(path).parent_path();
+  std::filesystem::path known = home;
+  std::error_code error;
+  while (known.has_relative_path() && !std::filesystem::exists(known, error)) known = known.parent_path();
+  int status = makePrivateDirectory(home);
+  if (status == 0) status = makeEmptyFile(path);
+  if (status != 0) return status;
+  std::filesystem::path directory = home;
+  for (syncDirectory(directory); directory != known; syncDirectory(directory)) directory = directory.parent_path();
+  return 0;
 }
 
 }  // namespace
@@ -132,7 +160,9 @@ Answer<Database> Database::open(const std::string& path) {
   sqlite3_limit(raw, SQLITE_LIMIT_LENGTH, kValueBytes);
   sqlite3_db_config(raw, SQLITE_DBCONFIG_DEFENSIVE, 1, nullptr);
   sqlite3_db_config(raw, SQLITE_DBCONFIG_TRUSTED_SCHEMA, 0, nullptr);
-  opened.outcome = opened.value.run("PRAGMA foreign_keys = ON");
+  // EXTRA: also the removal of the rollback journal, which is what commits a transaction, is synced, so
+  // that what was stored before a loss of power stays stored.
+  opened.outcome = opened.value.run("PRAGMA foreign_keys = ON; PRAGMA synchronous = EXTRA");
   return opened;
 }
 
@@ -149,12 +179,12 @@ Answer<Database> Database::openExisting() {
 
 Answer<Database> Database::openOrCreate() {
   const std::string path = databasePath();
-  Answer<Database> failed;
-  failed.outcome.status = makePrivateDirectory(stateDirectory());
-  if (!failed.ok()) return failed;
   struct stat facts {};
-  if (::stat(path.c_str(), &facts) != 0) failed.outcome.status = makeEmptyFile(path);
-  if (!failed.ok()) return failed;
+  if (::stat(path.c_str(), &facts) != 0) {
+    Answer<Database> failed;
+    failed.outcome.status = makeDatabaseFile(path);
+    if (!failed.ok()) return failed;
+  }
   return open(path);
 }
 

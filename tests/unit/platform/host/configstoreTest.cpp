@@ -90,6 +90,57 @@ TEST_F(Configuration, AnObjectCanBeRemoved) {
   EXPECT_EQ(platform::deleteStoredObject("object").status, ENOENT);
 }
 
+TEST_F(Configuration, AnObjectIsFoundByAllItsNames) {
+  ASSERT_EQ(store("object", {{"k", "first"}}, "{}", "1"), 0);
+  ASSERT_EQ(store("object", {{"k", "second"}}, "{}", "2"), 0);
+  EXPECT_THAT(readStoredObject("object", "qkernel", "orn", "2").value.values, ElementsAre(Pair("k", "second")));
+  EXPECT_EQ(readStoredObject("object", "qkernel", "orn", "").outcome.status, ENOENT);
+  EXPECT_EQ(readStoredObject("object", "other", "orn", "1").outcome.status, ENOENT);
+  EXPECT_EQ(readStoredObject("object", "qkernel", "other", "1").outcome.status, ENOENT);
+}
+
+TEST_F(Configuration, AnUnchangedObjectIsRemoved) {
+  ASSERT_EQ(store("object", {{"k", "v"}, {"l", "w"}}, "{}", "1"), 0);
+  ASSERT_EQ(store("object", {{"k", "v"}, {"l", "w"}}, "{}", "2"), 0);
+  const auto known = readStoredObject("object", "qkernel", "orn", "2");
+  ASSERT_TRUE(known.ok());
+  EXPECT_TRUE(platform::deleteUnchangedObject(known.value).ok());
+  EXPECT_EQ(readStoredObject("object", "qkernel", "orn", "2").outcome.status, ENOENT);
+  EXPECT_THAT(readStoredObject("object", "qkernel", "orn", "1").value.values,
+              ElementsAre(Pair("k", "v"), Pair("l", "w")));
+  EXPECT_EQ(platform::deleteUnchangedObject(known.value).status, ENOENT);
+}
+
+TEST_F(Configuration, AChangedObjectIsNotRemoved) {
+  using Changed = std::vector<std::pair<std::string, std::string>>;
+  ASSERT_EQ(store("object", {{"k", "v"}, {"l", "w"}}), 0);
+  const auto known = readStoredObject("object");
+  const std::pair<Values, Changed> changes[] = {{{{"k", "v"}, {"l", "x"}}, {{"k", "v"}, {"l", "x"}}},
+                                                {{{"l", "w"}, {"k", "v"}}, {{"l", "w"}, {"k", "v"}}},
+                                                {{{"k", "v"}}, {{"k", "v"}}},
+                                                {{}, {}}};
+  for (const auto& [values, left] : changes) {
+    ASSERT_EQ(store("object", values), 0);
+    EXPECT_EQ(platform::deleteUnchangedObject(known.value).status, ESTALE);
+    EXPECT_EQ(readStoredObject("object").value.values, left);
+  }
+}
+
+TEST_F(Configuration, OfAStoreThatIsNotThereNothingIsRemoved) {
+  EXPECT_EQ(platform::deleteUnchangedObject({"object", "qkernel", "orn", "", {}}).status, ENOENT);
+  EXPECT_FALSE(std::filesystem::exists(platform::databasePath()));
+}
+
+TEST_F(Configuration, AStoreIsMadeWithWhatIsMissingOfItsPath) {
+  const std::string deep = model_.directory() + "/a/b/c";
+  const ScopedVariable state("KORVEL_STATE_DIR", deep.c_str());
+  ASSERT_EQ(store("object", {{"k", "v"}}), 0);
+  EXPECT_TRUE(readStoredObject("object").ok());
+  std::size_t files = 0;
+  for ([[maybe_unused]] const auto& entry : std::filesystem::directory_iterator(deep)) ++files;
+  EXPECT_EQ(files, 1U);
+}
+
 TEST_F(Configuration, ProvokedFailuresAreReturned) {
   model_.write(R"({"failures": {"store.create": 12}})");
   ConfigStore::Object* object = nullptr;
