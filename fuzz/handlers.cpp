@@ -20,7 +20,7 @@
 
 namespace {
 
-// Actions fail: they would leave a line for each.
+// Actions and the store fail: they would leave a line for each, or wait for the disk.
 constexpr const char* kModel = R"({
   "portGroups": {"": "sw0", "a": "sw0"},
   "options": {"PageRetire/ApeiLoggingEnabled": 1, "Cpu/CPUOfflineThreshold": 3, "Net/LinkFlappingThreshold": 1},
@@ -29,7 +29,7 @@ constexpr const char* kModel = R"({
                           "b": {"redundancyState": 1, "disk": false}}},
   "vms": [{"worldId": 0, "groupId": 0, "name": "web01"}],
   "cpu": {"vendor": "GenuineIntel", "cores": 4, "pcpus": 8, "offlineEnabled": true},
-  "failures": {"nic.down": 5, "cpu.offline": 5, "page.retire": 5, "vm.kill": 5, "swap.reconfigure": "no"}})";
+  "failures": {"store.create": 5, "nic.down": 5, "cpu.offline": 5, "page.retire": 5, "vm.kill": 5, "swap.reconfigure": "no"}})";
 
 class FuzzClock final : public Clock {
  public:
@@ -81,10 +81,12 @@ class PreparedHost {
  public:
   PreparedHost() {
     if (mkdtemp(directory_.data()) == nullptr) std::abort();
-    for (const char* const variable : {"KORVEL_RUN_DIR", "KORVEL_STATE_DIR", "KORVEL_CONF_DIR"}) {
+    for (const char* const variable : {"KORVEL_RUN_DIR", "KORVEL_CONF_DIR"}) {
       setenv(variable, directory_.c_str(), 1);
     }
     std::ofstream(directory_ + "/host.json") << kModel;
+    // Below a file, so that no audit trail grows.
+    setenv("KORVEL_STATE_DIR", (directory_ + "/host.json/state").c_str(), 1);
     host_ = std::make_unique<platform::ScopedHost>(platform::makeHost("model:" + directory_ + "/host.json"));
   }
   PreparedHost(const PreparedHost&) = delete;

@@ -4,6 +4,7 @@
 
 #include "glob.h"
 #include "keldCorrelator.h"
+#include "keldTestCorrelator.h"
 
 namespace kelctl {
 
@@ -29,6 +30,20 @@ std::string joined(const std::vector<std::string_view>& words) {
   std::string text;
   for (const std::string_view word : words) text.append(text.empty() ? "" : ", ").append(word);
   return text;
+}
+
+void add(const keld::CorrelatorInfo& correlator, const std::vector<std::string>& globs,
+         std::vector<CatalogEntry>& entries) {
+  for (const keld::Row& row : correlator.rows) {
+    if (!matchesAny(globs, std::string(row.observation))) continue;
+    entries.push_back({row.observation, correlator.nameWord, readArguments(row.read), {eventOf(row.kind, row.text)}});
+  }
+  for (const keld::Judged& judged : correlator.judged) {
+    if (!matchesAny(globs, std::string(judged.observation))) continue;
+    CatalogEntry entry{judged.observation, correlator.nameWord, readArguments(judged.read), {}};
+    for (const keld::EventInfo* event : judged.events) entry.events.push_back(eventOf(event->kind, event->text));
+    entries.push_back(std::move(entry));
+  }
 }
 
 /// Text as a cell of a table shows it: what Markdown would take for its own is escaped.
@@ -66,19 +81,8 @@ std::vector<std::string_view> readArguments(std::string_view read) {
 
 std::vector<CatalogEntry> catalog(const std::vector<std::string>& globs) {
   std::vector<CatalogEntry> entries;
-  for (const keld::CorrelatorInfo* correlator : keld::correlators()) {
-    for (const keld::Row& row : correlator->rows) {
-      if (!matchesAny(globs, std::string(row.observation))) continue;
-      entries.push_back(
-          {row.observation, correlator->nameWord, readArguments(row.read), {eventOf(row.kind, row.text)}});
-    }
-    for (const keld::Judged& judged : correlator->judged) {
-      if (!matchesAny(globs, std::string(judged.observation))) continue;
-      CatalogEntry entry{judged.observation, correlator->nameWord, readArguments(judged.read), {}};
-      for (const keld::EventInfo* event : judged.events) entry.events.push_back(eventOf(event->kind, event->text));
-      entries.push_back(std::move(entry));
-    }
-  }
+  for (const keld::CorrelatorInfo* correlator : keld::correlators()) add(*correlator, globs, entries);
+  add(keld::kTestCorrelator, globs, entries);
   return entries;
 }
 

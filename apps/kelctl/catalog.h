@@ -26,7 +26,8 @@ struct CatalogEntry {
 std::vector<std::string_view> readArguments(std::string_view read);
 
 /// Every observation that matches one of `globs` (all where there are none), by correlator in the
-/// order in which the daemon starts them. Its texts live as long as the process.
+/// order in which the daemon starts them, then those of the self-test's. Its texts live as long as the
+/// process.
 std::vector<CatalogEntry> catalog(const std::vector<std::string>& globs = {});
 
 /// One array of objects: observation, correlator, arguments, events of kind, event and text.

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -309,6 +310,29 @@ namespace {
 
 constexpr const char* kGroups[] = {"tests"};
 
+constexpr Judged kMarkers[] = {{"kel.tests.marker.start", "", {}},
+                               {"kel.tests.marker.corruptions.start", "", {}},
+                               {"kel.tests.marker.corruptions.end", "", {}},
+                               {"kel.tests.marker.end", "", {}}};
+
+/// How many texts and integers an observation of the table has.
+constexpr std::string_view readingOf(const Expected& expected) {
+  constexpr std::string_view kTexts = "ss";
+  constexpr std::string_view kIntegers = "iii";
+  return expected.strings != 0 ? kTexts.substr(0, static_cast<std::size_t>(expected.strings))
+                               : kIntegers.substr(0, static_cast<std::size_t>(expected.integers));
+}
+
+constexpr auto kTestsKnown = [] {
+  std::array<Judged, std::size(kMarkers) + kExpectedCount> known{};
+  std::copy(std::begin(kMarkers), std::end(kMarkers), known.begin());
+  std::transform(std::begin(kExpected), std::end(kExpected), known.begin() + std::size(kMarkers),
+                 [](const Expected& expected) {
+                   return Judged{expected.id, readingOf(expected), {}};
+                 });
+  return known;
+}();
+
 void runTests(AgentContext& context) {
   // Leaves at once and without destructors, which other threads could still need.
   const SelfTestOutcome outcome{[](const std::string& text) { std::fputs(text.c_str(), stdout); },
@@ -324,6 +348,6 @@ void runTests(AgentContext& context) {
 
 }  // namespace
 
-constinit const CorrelatorInfo kTestCorrelator = {"KeldTest", kGroups, {}, runTests, {}, {}};
+constinit const CorrelatorInfo kTestCorrelator = {"KeldTest", kGroups, {}, runTests, {}, kTestsKnown};
 
 }  // namespace keld

@@ -77,6 +77,22 @@ std::vector<Batch> kinds() {
       {"kel.vfat.filesystem.full", {s("volume"), s("uuid")}},
       {"kel.sched.latency.abort", {s("web01")}},
       {"kel.sched.latency.abort", {}},
+      {"kel.user.ssh.session.opened", {s("root"), s("10.0.0.1")}},
+      {"kel.user.dhclient.lease.offered.noexpiry", {s("10.0.0.2")}},
+      {"kel.user.lsyslogd.storage.logdir.invalid", {s("/a"), s("/b")}},
+      {"kel.user.hagd.host.reboot.reason", {s("no reason"), s("root")}},
+      {"kel.user.coredump.capacity.insufficient", {l(-1)}},
+      {"kel.user.unknown", {}},
+      {"kel.external.warning", {s("agent"), s("link"), s("text")}},
+      {"kel.user.external.info", {s("agent"), null(), s("text")}},
+      {"kel.dstor.net.noip", {s("qknic0")}},
+      {"kel.dstor.net.created", {s("qknic1")}},
+      {"kel.dstor.net.no.connectivity", {s("qknic1")}},
+      {"kel.dstor.clmd.enabled", {}},
+      {"kel.dstor.dom.errorfixed", {s("component"), s("group")}},
+      {"kel.dstor.dom.resynctimeout", {s("component")}},
+      {"kel.dstor.clmd.unloaded", {}},
+      {"kel.hcm.event.disk.removal", {s("disk 3")}},
   };
   const Kinds askingTheHost = {
       {"kel.scsi.scsipath.pathstate.dead", {s("path0"), s("on")}},
@@ -89,6 +105,8 @@ std::vector<Batch> kinds() {
       {"kel.pageretire.platform.retire.request", {s("unit"), s("log")}},
       {"kel.swap.systemSwap.isPDL.cannot.remove", {s("/cvfs/swap")}},
       {"kel.swap.systemSwap.isPDL.removed", {s("/cvfs/swap")}},
+      {"kel.user.account.locked", {s("root"), i(900), i(5)}},
+      {"kel.user.orncli.host.reboot.reason", {s("orncli:update"), s("root")}},
   };
   // The modelled host reads its file at each question, so it is asked by fewer.
   std::vector<Batch> records;

@@ -7,6 +7,7 @@
 
 #include "glob.h"
 #include "keldCorrelator.h"
+#include "keldTestCorrelator.h"
 
 namespace {
 
@@ -38,7 +39,23 @@ TEST(Catalog, HasEveryRowOfEveryCorrelator) {
       EXPECT_EQ(entry->events.size(), judged.events.size()) << judged.observation;
     }
   }
-  EXPECT_EQ(entries.size(), expected);
+  EXPECT_EQ(entries.size(), expected + keld::kTestCorrelator.judged.size());
+}
+
+TEST(Catalog, EndsWithTheMarkersAndTestsOfTheSelfTest) {
+  const std::vector<CatalogEntry> entries = catalog();
+  const std::size_t daemons = entries.size() - 4 - 21;
+  for (std::size_t n = 0; n < entries.size(); ++n) {
+    EXPECT_EQ(entries[n].correlator == "KeldTest", n >= daemons) << entries[n].observation;
+  }
+  EXPECT_EQ(entries[daemons].observation, "kel.tests.marker.start");
+  const CatalogEntry* strings = find(entries, "kel.tests.async.withLongStringParams");
+  ASSERT_NE(strings, nullptr);
+  EXPECT_EQ(strings->arguments, (Names{"string", "string"}));
+  EXPECT_TRUE(strings->events.empty());
+  const CatalogEntry* integers = find(entries, "kel.tests.corrupt.format.tag.nestedInval");
+  ASSERT_NE(integers, nullptr);
+  EXPECT_EQ(integers->arguments, (Names{"integer", "integer"}));
 }
 
 TEST(Catalog, HasTheNetworkCorrelatorsTexts) {

@@ -1,6 +1,7 @@
 // What a correlator registers and what the catalogue says of it are the same.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <set>
 #include <string>
 
@@ -43,9 +44,10 @@ TEST_F(Handlers, AreThoseThatTheCatalogueLists) {
 
 TEST_F(Handlers, LieInTheirCorrelatorsGroup) {
   for (const keld::CorrelatorInfo* info : keld::correlators()) {
-    ASSERT_FALSE(info->groups.empty());
     for (const std::string& id : known(*info)) {
-      EXPECT_TRUE(id.starts_with(std::string("kel.") + info->groups[0] + ".")) << id;
+      EXPECT_TRUE(std::any_of(info->groups.begin(), info->groups.end(), [&](const char* group) {
+        return id.starts_with(std::string("kel.") + group + ".");
+      })) << id;
     }
   }
 }

@@ -7,10 +7,12 @@
 namespace {
 
 using keld::CrashReminder;
+using keld::DstorErrorHoldoff;
 using keld::HourlyHoldOff;
 using keld::PathFrequency;
 using keld::QuietPeriod;
 using keld::QuietPeriods;
+using keld::RateTable;
 using Change = keld::PathFrequency::Change;
 
 constexpr std::int64_t kNow = 1'767'225'600;
@@ -110,6 +112,45 @@ int reports(PathFrequency& tracker, int count, std::int64_t now) {
   int reported = 0;
   for (int n = 0; n < count; ++n) reported += tracker.track("p", Change::happened, now) ? 1 : 0;
   return reported;
+}
+
+TEST(DstorErrorHoldoff, reportsADiskOnceAnHourAfterItsLastReport) {
+  DstorErrorHoldoff holdOff;
+  EXPECT_TRUE(holdOff.report("a", kNow));
+  EXPECT_FALSE(holdOff.report("a", kNow + 3599));
+  EXPECT_TRUE(holdOff.report("b", kNow + 3599));
+  EXPECT_TRUE(holdOff.report("a", kNow + 3600));
+  EXPECT_FALSE(holdOff.report("a", kNow + 7199));
+  EXPECT_TRUE(holdOff.report("a", kNow + 7200));
+}
+
+TEST(DstorErrorHoldoff, aNewDiskIsReportedWhateverTheClockShows) {
+  DstorErrorHoldoff holdOff;
+  EXPECT_TRUE(holdOff.report("a", 0));
+  EXPECT_FALSE(holdOff.report("a", 1));
+  EXPECT_TRUE(holdOff.report("b", -5));
+}
+
+TEST(DstorErrorHoldoff, aClockSetBackHoldsOffUntilItHasMadeUpTheTime) {
+  DstorErrorHoldoff holdOff;
+  EXPECT_TRUE(holdOff.report("a", kNow));
+  EXPECT_FALSE(holdOff.report("a", kNow - 86400));
+  EXPECT_TRUE(holdOff.report("a", kNow + 3600));
+}
+
+TEST(RateTable, passesAgainOnceMoreThanThePeriodIsOver) {
+  RateTable<std::string> table(90);
+  EXPECT_TRUE(table.passes("a", kNow));
+  EXPECT_FALSE(table.passes("a", kNow + 90));
+  EXPECT_TRUE(table.passes("b", kNow + 90));
+  EXPECT_TRUE(table.passes("a", kNow + 91));  // what was held back began no period
+  EXPECT_FALSE(table.passes("a", kNow + 181));
+}
+
+TEST(RateTable, aNewKeyIsHeldBackInTheClocksVeryFirstPeriod) {
+  RateTable<std::string> table(90);
+  EXPECT_FALSE(table.passes("a", 90));
+  EXPECT_TRUE(table.passes("a", 91));
 }
 
 TEST(PathFrequency, exactlyTheTenthIsReported) {

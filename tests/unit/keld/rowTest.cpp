@@ -19,13 +19,14 @@ constexpr auto kRows = keld::table(
                   {"kel.t.widths", "%p %hu %d %lx", VProbKind::problem, "@&!*@*@(orn.problem.t.widths)%s %hu %d %lx"},
                   {"kel.t.reverse", "si", VProbKind::clear, "@&!*@*@(orn.clear.t.reverse)%lu then %s", "10"},
                   {"kel.t.narrow", "i", VProbKind::clear, "@&!*@*@(orn.clear.t.narrow)%d", "0"},
+                  {"kel.t.count", "su", VProbKind::audit, "@&!*@*@(orn.audit.t.count)%s has %lu"},
               });
 
 static_assert(keld::conversion("%-5.3d%%%ld", 's', 0) == Arg::i32);
 static_assert(keld::conversion("%-5.3d%%%ld", 's', 1) == Arg::i64);
 static_assert(keld::conversion("%-5.3d%%%ld", 's', 2) == Arg::none);
 static_assert(keld::argumentCount("%p %p %d") == 3);
-static_assert(keld::argumentCount("si") == 2);
+static_assert(keld::argumentCount("siu") == 3);
 static_assert(keld::eventName("@&!*@*@(orn.clear.x)A (B) C") == "orn.clear.x");
 static_assert(keld::eventMessage("@&!*@*@(orn.clear.x)A (B) C") == "A (B) C");
 
@@ -53,6 +54,23 @@ TEST_F(RowTest, readsAndFillsEachArgumentAtItsWidth) {
                                           support::problem("orn.problem.t.widths", "x 1 -7 123456789a"),
                                           support::clear("orn.clear.t.reverse", "1234567890123 then text"),
                                           support::clear("orn.clear.t.narrow", "5")}));
+}
+
+TEST_F(RowTest, aCountKeepsItsSixtyFourBitsAndASmallerOneIsFilledUpWithZeros) {
+  support::Driver driver(scenario, handlers(keld::OnUnreadable::silent));
+  driver.observe("kel.t.count", {s("x"), l(-1)});
+  driver.observe("kel.t.count", {s("x"), i(-1)});
+  EXPECT_EQ(driver.events(), (std::vector{support::audit("orn.audit.t.count", "x has 18446744073709551615"),
+                                          support::audit("orn.audit.t.count", "x has 4294967295")}));
+}
+
+TEST_F(RowTest, aTableMayPostWithoutWhatCannotBeRead) {
+  support::Driver driver(scenario, handlers(keld::OnUnreadable::postsWithout));
+  driver.observe("kel.t.widths", {s("x")});
+  driver.observe("kel.t.widths", {s("x"), i(1), i(2), l(3)});
+  EXPECT_EQ(driver.events(), (std::vector{support::problem("orn.problem.t.widths", "(null) 0 0 0"),
+                                          support::problem("orn.problem.t.widths", "x 1 2 3")}));
+  EXPECT_EQ(scenario.log.take().size(), 2U);  // the framework's own lines
 }
 
 TEST_F(RowTest, unreadableArgumentsAreReportedAsTheTableSays) {

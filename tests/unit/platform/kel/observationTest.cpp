@@ -264,6 +264,24 @@ TEST(GetIntArg, readsByNumberAndWidensByItsOwnSign) {
   EXPECT_EQ(value, 4711);
 }
 
+TEST(GetUintArg, readsByNumberAndFillsUpWithZeros) {
+  const KelPtr kel = observation("kel.a", {i(-3), u(0xfffffffd), l(-4), L(~std::uint64_t{0}), s("x"), d(1)});
+  std::uint64_t value = 0;
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 0, &value), 0);
+  EXPECT_EQ(value, 0xfffffffdU);
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 1, &value), 0);
+  EXPECT_EQ(value, 0xfffffffdU);
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 2, &value), 0);
+  EXPECT_EQ(value, 0xfffffffffffffffcU);
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 3, &value), 0);
+  EXPECT_EQ(value, 0xffffffffffffffffU);
+  value = 4711;
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 4, &value), 22);
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 5, &value), 22);
+  EXPECT_EQ(Kel_GetUintArg(kel.get(), 6, &value), 75);
+  EXPECT_EQ(value, 4711U);
+}
+
 TEST(GetStringArg, readsByNumber) {
   const KelPtr kel = observation("kel.a", {s("first"), null(), s(""), i(1)});
   const char* text = nullptr;
