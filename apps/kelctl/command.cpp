@@ -17,6 +17,7 @@ constexpr Command kCommands[] = {
     {"option", "list, get and set the kernel's advanced options", runOption},
     {"host", "show what the platform sees of this host", runHost},
     {"catalog", "list what the daemon translates, with events and texts", runCatalog},
+    {"selftest", "check the way of an observation from end to end", runSelftest},
 };
 
 std::string usage() {

@@ -23,6 +23,7 @@ int runEvents(const Words& words);
 int runOption(const Words& words);
 int runHost(const Words& words);
 int runCatalog(const Words& words);
+int runSelftest(const Words& words);
 
 /// All sub-commands in the order in which the help lists them.
 std::span<const Command> commands();
