@@ -18,6 +18,8 @@ constexpr Command kCommands[] = {
     {"host", "show what the platform sees of this host", runHost},
     {"catalog", "list what the daemon translates, with events and texts", runCatalog},
     {"selftest", "check the way of an observation from end to end", runSelftest},
+    {"store", "show and delete what the configuration store keeps", runStore},
+    {"boot-report", "report once in a boot why the host went down before", runBootReport},
 };
 
 std::string usage() {
@@ -25,7 +27,7 @@ std::string usage() {
       "Operator's tool of the observation daemon keld.\n"
       "Usage: kelctl SUB-COMMAND [WORDS...]\n\n"
       "Sub-commands:\n";
-  for (const Command& command : kCommands) text += fmt::format("  {:<10}{}\n", command.name, command.summary);
+  for (const Command& command : kCommands) text += fmt::format("  {:<12}{}\n", command.name, command.summary);
   text +=
       "\nOptions:\n"
       "  --help    print this, or with a sub-command, what that one takes\n"

@@ -24,6 +24,8 @@ int runOption(const Words& words);
 int runHost(const Words& words);
 int runCatalog(const Words& words);
 int runSelftest(const Words& words);
+int runStore(const Words& words);
+int runBootReport(const Words& words);
 
 /// All sub-commands in the order in which the help lists them.
 std::span<const Command> commands();
