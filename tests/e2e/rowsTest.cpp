@@ -3,6 +3,8 @@
 #include "rowTable.h"
 
 #include <algorithm>
+#include <fstream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
@@ -155,15 +157,27 @@ TEST_P(Rows, WithoutTheLastArgumentNothingIsPostedAndTheWholeObservationAfterItS
 }
 
 const std::vector<Table>& tables() {
-  static const std::vector<Table> kTables{{"net", "netCorrelator"},      {"scsi", "scsiCorrelator"},
-                                          {"apd", "APDCorrelator"},      {"iscsi", "iscsiCorrelator"},
-                                          {"vscsi", "vscsiCorrelator"},  {"clock", "ClockCorrelator"},
-                                          {"cpu", "cpuCorrelator"},      {"pageretire", "pageretireCorrelator"},
-                                          {"cvfs", "cvfsCorrelator"},    {"hardware", "HardwareCorrelator"},
-                                          {"uw", "UserWorldCorrelator"}, {"swap", "SWAPCorrelator"},
-                                          {"vm", "VMCorrelator"},        {"migrate", "migrateCorrelator"},
-                                          {"memfs", "MemfsCorrelator"},  {"vfat", "VfatCorrelator"},
-                                          {"sched", "schedCorrelator"}};
+  static const std::vector<Table> kTables{{"net", "netCorrelator"},
+                                          {"scsi", "scsiCorrelator"},
+                                          {"apd", "APDCorrelator"},
+                                          {"iscsi", "iscsiCorrelator"},
+                                          {"vscsi", "vscsiCorrelator"},
+                                          {"clock", "ClockCorrelator"},
+                                          {"cpu", "cpuCorrelator"},
+                                          {"pageretire", "pageretireCorrelator"},
+                                          {"cvfs", "cvfsCorrelator"},
+                                          {"hardware", "HardwareCorrelator"},
+                                          {"uw", "UserWorldCorrelator"},
+                                          {"swap", "SWAPCorrelator"},
+                                          {"vm", "VMCorrelator"},
+                                          {"migrate", "migrateCorrelator"},
+                                          {"memfs", "MemfsCorrelator"},
+                                          {"vfat", "VfatCorrelator"},
+                                          {"sched", "schedCorrelator"},
+                                          {"user", "UserLevelCorrelator"},
+                                          {"external", "GenericCorrelator"},
+                                          {"hcm", "HCMCorrelator"},
+                                          {"dstor", "DstorCorrelator"}};
   return kTables;
 }
 
@@ -208,6 +222,33 @@ TEST_F(RowTables, HoldEveryObservationOfTheCatalogueAndNoEventThatItLacks) {
           << entry.first;
     }
   }
+}
+
+/// "NAME WORD<TAB>IDENTIFIER", as the lines of observations.tsv.
+using Listed = std::multiset<std::string>;
+
+Listed difference(const Listed& from, const Listed& taken) {
+  Listed left;
+  std::set_difference(from.begin(), from.end(), taken.begin(), taken.end(), std::inserter(left, left.end()));
+  return left;
+}
+
+TEST(Catalog, ListsEachObservationThatIsTranslatedOnceAndNoOther) {
+  Listed expected;
+  std::ifstream file(KELD_TEST_DATA "/observations.tsv");
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with('#')) expected.insert(line);
+  }
+  EXPECT_EQ(expected.size(), 386U);  // 360, the rest of the root file system's group, 25 of the self-test
+  const Workspace workspace;
+  const Outcome catalogue = run(workspace, KELCTL_PROGRAM, {"catalog", "--json"});
+  ASSERT_TRUE(catalogue.ending.with(0)) << catalogue.error;
+  Listed listed;
+  for (const auto& entry : nlohmann::json::parse(catalogue.output)) {
+    listed.insert(entry["correlator"].get<std::string>() + '\t' + entry["observation"].get<std::string>());
+  }
+  EXPECT_EQ(difference(expected, listed), Listed()) << "not listed";
+  EXPECT_EQ(difference(listed, expected), Listed()) << "listed in vain or twice";
 }
 
 }  // namespace
