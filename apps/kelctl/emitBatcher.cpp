@@ -4,6 +4,7 @@
 
 #include "failure.h"
 #include "host/files.h"
+#include "kel/record.h"
 
 namespace kelctl {
 
@@ -43,11 +44,21 @@ void EmitBatcher::add(const KelEmit::Observation& observation, const EmitTarget&
   if (target != target_ || batch_.size() + record_.size() >= kBatchLimitBytes) flush();
   target_ = target;
   batch_.insert(batch_.end(), record_.begin(), record_.end());
+  if (target.user) {
+    observations_.push_back(observation);
+    // The time of gathering, as in the record.
+    if (!observation.timestamp) observations_.back().timestamp = platform::loadRecordHeader(record_.data()).timestamp;
+  }
   if (++records_ >= perBatch) flush();
 }
 
 void EmitBatcher::flush() {
-  if (records_ != 0) send_(target_, batch_);
+  if (!observations_.empty()) {
+    sendToUser_(observations_);
+  } else if (records_ != 0) {
+    send_(target_, batch_);
+  }
+  observations_.clear();
   batch_.clear();
   records_ = 0;
 }

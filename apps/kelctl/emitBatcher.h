@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <vector>
 
 #include "emitWords.h"
@@ -18,10 +19,12 @@ class EmitBatcher {
   /// A batch is always shorter than this.
   static constexpr std::size_t kBatchLimitBytes = 131072;
 
-  /// Sends one batch; throws Failure where that fails.
+  /// Sends one batch into a kernel context; throws Failure where that fails.
   using Send = std::function<void(const EmitTarget&, const std::vector<char>&)>;
+  /// Sends one batch to the user-level context, whose library writes the records itself.
+  using SendToUser = std::function<void(std::span<const KelEmit::Observation>)>;
 
-  explicit EmitBatcher(Send send) : send_(std::move(send)) {}
+  EmitBatcher(Send send, SendToUser sendToUser) : send_(std::move(send)), sendToUser_(std::move(sendToUser)) {}
 
   /// Why no batch can take `observation`; nothing where one can.
   [[nodiscard]] static std::optional<WordsError> check(const KelEmit::Observation& observation);
@@ -33,9 +36,11 @@ class EmitBatcher {
 
  private:
   Send send_;
+  SendToUser sendToUser_;
   EmitTarget target_;
   std::uint64_t records_ = 0;
   std::vector<char> batch_;
+  std::vector<KelEmit::Observation> observations_;  // those of batch_, where it is for the user-level context
   std::vector<char> record_;
 };
 

@@ -10,6 +10,7 @@
 #include "commandLine.h"
 #include "console.h"
 #include "emitBatcher.h"
+#include "emitToUser.h"
 #include "emitWords.h"
 #include "failure.h"
 #include "host/files.h"
@@ -22,33 +23,65 @@ namespace {
 
 using std::chrono::steady_clock;
 
-/// Connections to the contexts, made when they are first needed.
+/// A wait for the daemon is cut into pieces this long, so that a signal ends it.
+constexpr std::chrono::milliseconds kSlice{100};
+
+const char* advice(int status) {
+  if (status == ENOENT || status == ECONNREFUSED) return "; is keld running?";
+  if (status == EACCES) return "; run as root or as keld's user";
+  if (status == EUSERS) return "; keld serves eight user-level clients at a time";
+  return "";
+}
+
+[[noreturn]] void cannotReach(const std::string& path, int status) {
+  throw Failure(fmt::format("cannot reach keld at {}: {}{}", path, platform::errnoText(status), advice(status)));
+}
+
+/// A batch that waits for the daemon while the process is to stop.
+class StoppedWaiting {};
+
+/// Calls `send`, which takes one slice at most, until it ends otherwise than with `timeOver`.
+template <typename Send>
+int sendInSlices(int timeOver, const Send& send) {
+  while (true) {
+    const int status = send();
+    if (status != timeOver) return status;
+    if (StopSignals::stopped()) throw StoppedWaiting();
+  }
+}
+
+/// Connections to the kernel's contexts, made when they are first needed.
 class Senders {
  public:
   void send(const EmitTarget& target, const std::vector<char>& batch) {
-    const std::string path = target.user ? KelEmit::userSocketPath() : KelEmit::contextSocketPath(target.context);
-    auto [place, isNew] = senders_.try_emplace(target);
+    const std::string path = KelEmit::contextSocketPath(target.context);
+    auto [place, isNew] = senders_.try_emplace(target.context);
     if (isNew) {
-      const int status = target.user ? place->second.openUser() : place->second.openContext(target.context);
-      if (status != 0) {
-        throw Failure(fmt::format("cannot reach keld at {}: {}{}", path, platform::errnoText(status), advice(status)));
-      }
+      if (const int status = place->second.openContext(target.context); status != 0) cannotReach(path, status);
     }
-    if (const int status = place->second.send(batch); status != 0) {
-      throw Failure(
-          fmt::format("cannot send {} bytes to {}: {}{}", batch.size(), path, platform::errnoText(status),
-                      target.user && status == EPIPE ? "; keld serves eight user-level clients at a time" : ""));
+    const int status = sendInSlices(EAGAIN, [&] { return place->second.send(batch, steady_clock::now() + kSlice); });
+    if (status != 0) {
+      throw Failure(fmt::format("cannot send {} bytes to {}: {}", batch.size(), path, platform::errnoText(status)));
     }
   }
 
  private:
-  static const char* advice(int status) {
-    if (status == ENOENT || status == ECONNREFUSED) return "; is keld running?";
-    if (status == EACCES) return "; run as root or as keld's user";
-    return "";
+  std::map<std::uint32_t, KelEmit::Sender> senders_;
+};
+
+/// The connection to the user-level context.
+class UserSender {
+ public:
+  void send(std::span<const KelEmit::Observation> observations) {
+    const int status = sendInSlices(ETIMEDOUT, [&] { return connection_.send(observations); });
+    if (status == 0) return;
+    const std::string path = KelEmit::userSocketPath();
+    if (*advice(status) != '\0') cannotReach(path, status);
+    throw Failure(fmt::format("cannot send to {}: {}", path, platform::errnoText(status)));
   }
 
-  std::map<EmitTarget, KelEmit::Sender> senders_;
+ private:
+  EmitToUser connection_{kSlice};
 };
 
 /// Sends emissions at their pace. The schedule is absolute, so that a late record delays no other.
@@ -60,19 +93,34 @@ class Emitter {
   void emit(const Emission& emission) {
     for (std::uint64_t n = 0; n < emission.repeat; ++n) {
       waitForTurn(emission.rate);
-      batcher_.add(emission.observation, emission.target, emission.batch);
+      sending([&] { batcher_.add(emission.observation, emission.target, emission.batch); });
       ++emitted_;
     }
   }
 
-  void finish() { batcher_.flush(); }
+  void finish() {
+    sending([&] { batcher_.flush(); });
+  }
 
   [[noreturn]] void giveUp() {
-    batcher_.flush();
-    throw Failure(fmt::format("stopped by a signal after {} observations", emitted_));
+    finish();
+    sayStopped();
   }
 
  private:
+  [[noreturn]] void sayStopped() const {
+    throw Failure(fmt::format("stopped by a signal after {} observations", emitted_));
+  }
+
+  template <typename Send>
+  void sending(const Send& send) const {
+    try {
+      send();
+    } catch (const StoppedWaiting&) {
+      sayStopped();
+    }
+  }
+
   void waitForTurn(std::optional<double> rate) {
     constexpr double kLongestWait = 1e9;
     if (!due_) due_ = steady_clock::now();
@@ -87,8 +135,10 @@ class Emitter {
 
   const StopSignals& stop_;
   Senders senders_;
+  UserSender user_;
   EmitBatcher batcher_{
-      [this](const EmitTarget& target, const std::vector<char>& batch) { senders_.send(target, batch); }};
+      [this](const EmitTarget& target, const std::vector<char>& batch) { senders_.send(target, batch); },
+      [this](std::span<const KelEmit::Observation> observations) { user_.send(observations); }};
   std::optional<steady_clock::time_point> due_;  // of the next record, where the last one was paced
   std::uint64_t emitted_ = 0;
 };

@@ -55,7 +55,7 @@ int setMode(const std::string& path, mode_t mode) {
 }  // namespace
 
 std::string runDirectory() {
-  return fromEnvironment("KORVEL_RUN_DIR", "/var/run/korvel");
+  return fromEnvironment(kRunDirectoryVariable, kDefaultRunDirectory);
 }
 std::string stateDirectory() {
   return fromEnvironment("KORVEL_STATE_DIR", "/var/lib/korvel");

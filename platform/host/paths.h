@@ -9,6 +9,9 @@
 
 namespace platform {
 
+inline constexpr const char* kRunDirectoryVariable = "KORVEL_RUN_DIR";
+inline constexpr const char* kDefaultRunDirectory = "/var/run/korvel";
+
 /// KORVEL_RUN_DIR, KORVEL_STATE_DIR and KORVEL_CONF_DIR, read from the environment at each call.
 std::string runDirectory();
 std::string stateDirectory();

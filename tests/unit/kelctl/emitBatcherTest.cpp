@@ -11,6 +11,7 @@ using kelctl::EmitTarget;
 
 constexpr EmitTarget kFirst{false, 0};
 constexpr EmitTarget kSecond{false, 1};
+constexpr EmitTarget kUser{true, 0};
 
 struct Sent {
   EmitTarget target;
@@ -34,9 +35,13 @@ class EmitBatcherTest : public testing::Test {
   }
 
   std::vector<Sent> sent_;
+  std::vector<std::vector<KelEmit::Observation>> sentToUser_;
   EmitBatcher batcher_{[this](const EmitTarget& target, const std::vector<char>& batch) {
-    sent_.push_back({target, batch});
-  }};
+                         sent_.push_back({target, batch});
+                       },
+                       [this](std::span<const KelEmit::Observation> observations) {
+                         sentToUser_.emplace_back(observations.begin(), observations.end());
+                       }};
 };
 
 TEST_F(EmitBatcherTest, SendsEachRecordAtOnceWhereOneMakesABatch) {
@@ -84,6 +89,35 @@ TEST_F(EmitBatcherTest, NeverReachesTheLimit) {
   batcher_.add(half, kFirst, 2);
   batcher_.flush();
   EXPECT_EQ(lengths(), (std::vector<std::size_t>{65536, 65536}));
+}
+
+TEST_F(EmitBatcherTest, HandsWhatIsForTheUserContextToItsLibraryUnwritten) {
+  batcher_.add(observation("kel.a"), kFirst, 10);
+  for (const char* id : {"kel.user.a", "kel.user.b", "kel.user.c"}) batcher_.add(observation(id), kUser, 2);
+  EXPECT_EQ(sent_.size(), 1U);
+  ASSERT_EQ(sentToUser_.size(), 1U);
+  batcher_.flush();
+  EXPECT_EQ(sent_.size(), 1U);
+  ASSERT_EQ(sentToUser_.size(), 2U);
+  ASSERT_EQ(sentToUser_[0].size(), 2U);
+  EXPECT_EQ(sentToUser_[0][1].id, "kel.user.b");
+  EXPECT_EQ(sentToUser_[0][1].timestamp, 1U);
+  EXPECT_EQ(sentToUser_[1].at(0).id, "kel.user.c");
+}
+
+TEST_F(EmitBatcherTest, StampsAnObservationForTheUserContextWhenItIsAdded) {
+  KelEmit::Observation unstamped = observation("kel.user.a");
+  unstamped.timestamp.reset();
+  batcher_.add(unstamped, kUser, 1);
+  constexpr std::uint64_t kYear2020Us = 1'577'836'800'000'000;
+  EXPECT_GT(sentToUser_.at(0).at(0).timestamp.value_or(0), kYear2020Us);
+}
+
+TEST_F(EmitBatcherTest, KeepsBatchesForTheUserContextBelowTheLimitToo) {
+  for (int n = 0; n < 3; ++n) batcher_.add(observation("kel.user.a", 60000), kUser, 100);
+  batcher_.flush();
+  ASSERT_EQ(sentToUser_.size(), 2U);
+  EXPECT_EQ(sentToUser_[0].size(), 2U);
 }
 
 TEST_F(EmitBatcherTest, TellsWhatNoBatchCanTake) {
