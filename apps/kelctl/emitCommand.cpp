@@ -24,7 +24,7 @@ namespace {
 using std::chrono::steady_clock;
 
 /// A wait for the daemon is cut into pieces this long, so that a signal ends it.
-constexpr std::chrono::milliseconds kSlice{100};
+constexpr std::chrono::milliseconds kSlice{250};
 
 const char* advice(int status) {
   if (status == ENOENT || status == ECONNREFUSED) return "; is keld running?";
@@ -55,11 +55,12 @@ class Senders {
  public:
   void send(const EmitTarget& target, const std::vector<char>& batch) {
     const std::string path = KelEmit::contextSocketPath(target.context);
-    auto [place, isNew] = senders_.try_emplace(target.context);
+    const auto [place, isNew] = senders_.try_emplace(target.context);
+    KelEmit::Sender& sender = place->second;
     if (isNew) {
-      if (const int status = place->second.openContext(target.context); status != 0) cannotReach(path, status);
+      if (const int status = sender.openContext(target.context); status != 0) cannotReach(path, status);
     }
-    const int status = sendInSlices(EAGAIN, [&] { return place->second.send(batch, steady_clock::now() + kSlice); });
+    const int status = sendInSlices(EAGAIN, [&] { return sender.send(batch, steady_clock::now() + kSlice); });
     if (status != 0) {
       throw Failure(fmt::format("cannot send {} bytes to {}: {}", batch.size(), path, platform::errnoText(status)));
     }

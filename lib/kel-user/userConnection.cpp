@@ -21,7 +21,7 @@ using std::chrono::steady_clock;
 /// After connecting failed, this long nothing is tried: an absent daemon costs next to nothing.
 constexpr std::chrono::seconds kReconnectPause{1};
 /// How long a new connection's first batch is watched. The daemon reads at once what it serves.
-constexpr milliseconds kFirstReadLimit{250};
+constexpr milliseconds kFirstReadLimit{1000};
 
 bool isBroken(int status) {
   return status == EPIPE || status == ECONNRESET || status == ENOTCONN;

@@ -61,13 +61,13 @@ class KelUser : public EndToEnd {
 
 TEST_F(KelUser, WhatIsEmittedArrivesArgumentByArgument) {
   const Handle handle = open();
-  const kel_user_arg args[] = {kel_user_string("a b"),       kel_user_string(nullptr), kel_user_int32(-1),
-                               kel_user_uint32(4294967295U), kel_user_int64(-9),       kel_user_uint64(16)};
+  const kel_user_arg args[] = {kel_user_string("a b"), kel_user_string(nullptr), kel_user_int32(-1),
+                               kel_user_uint32(7),     kel_user_int64(-9),       kel_user_uint64(16)};
   const std::uint64_t stampUs = 17;
   const kel_user_observation one{"kel.user.typed", nullptr, args, std::size(args), &stampUs};
   ASSERT_EQ(kel_user_emit_batch(handle.get(), &one, 1, -1), 0);
   const TraceLine line = daemon().trace().next();
-  EXPECT_EQ(line.raw.substr(line.time.size()), R"-(,IN,17,kel.user.typed,,"a b","(null)",-1,4294967295,-9,16)-");
+  EXPECT_EQ(line.raw.substr(line.time.size()), R"-(,IN,17,kel.user.typed,,"a b","(null)",-1,7,-9,16)-");
 }
 
 TEST_F(KelUser, WhileTheDaemonIsAwayObservationsAreDroppedAndCountedAndThenArriveAgain) {
