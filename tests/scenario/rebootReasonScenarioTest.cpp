@@ -219,6 +219,7 @@ TEST_F(RebootReason, theConsoleRowsReadNoArgument) {
 
 TEST_F(RebootReason, aUserWithoutANameIsShownAsSuch) {
   EXPECT_EQ(observed(kRebootByOrncli, {s("a:b"), null()}), rebootByOrncli("b", "(null)"));
+  EXPECT_EQ(recorded(), values("REBOOT", "(null)", "orncli", "b"));
 }
 
 TEST_F(RebootReason, emptyTextsAreTextsToo) {

@@ -130,6 +130,39 @@ TEST_F(SelftestScenario, aCorrectRunSays21PassLinesAndExitsWithZero) {
   EXPECT_TRUE(output.ends_with("INFO: Got kel: kel.tests.marker.end\nINFO: Tests completed. Failures = 0\n"));
 }
 
+TEST_F(SelftestScenario, itWatchesTheGroupOfTheTests) {
+  EXPECT_STREQ(keld::kTestCorrelator.nameWord, "KeldTest");
+  ASSERT_EQ(keld::kTestCorrelator.groups.size(), 1U);
+  EXPECT_STREQ(keld::kTestCorrelator.groups[0], "tests");
+  EXPECT_TRUE(keld::kTestCorrelator.identifiers.empty());
+}
+
+TEST_F(SelftestScenario, theLinesOfARunComeInTheirOrder) {
+  send("kel.tests.marker.start");
+  output.clear();
+  sendRun(21);
+  end();
+  std::string expected;
+  int number = 0;
+  for (const Sent& sent : correctRun()) {
+    const std::string id = sent.id;
+    const std::string passed = "PASS: Kel_GetArgs succeeded for KEL " + id + ". Args: ";
+    expected += "INFO: Got kel: " + id + "\n";
+    if (number == 4) {
+      expected += passed + "-559038737, deadbeef, -2401053088876216593\n";
+      expected += "PASS: Kel_GetArgs (with field width specifiers) succeeded for KEL " + id +
+                  ". Args: -559038737, deadbeef, -2401053088876216593\n";
+    }
+    if (number == 5) expected += passed + "-559038737, deadbeef, -2401053088876216593\n";
+    if (number == 6) expected += passed + "some string\n";
+    if (number == 7) expected += passed + "some looong long long long long long string\n";
+    if (number == 8) expected += passed + "some looong long long long long long string, some string\n";
+    expected += "PASS: [" + std::to_string(number++) + "]: " + id + "\n";
+  }
+  expected += "INFO: Got kel: kel.tests.marker.end\nINFO: Tests completed. Failures = 0\n";
+  EXPECT_EQ(output, expected);
+}
+
 TEST_F(SelftestScenario, the22ndObservationExitsAtOnceWithOneMoreFailure) {
   send("kel.tests.marker.start");
   sendRun(21);
@@ -248,6 +281,190 @@ TEST_F(SelftestScenario, postingIsTestedOnceOnTheFirstObservation) {
   EXPECT_TRUE(events[4] == support::problem("orn.problem." + huge, "Huge ID"));
   EXPECT_EQ(events[5], support::audit("orn.audit.keldtestcorrelator.test", "Two (2) args"));
   EXPECT_EQ(events[6], support::clear("orn.clear.keldtestcorrelator.test", "Three (3) args"));
+}
+
+TEST_F(SelftestScenario, earlierFailuresCountInEveryExit) {
+  send("kel.tests.marker.start");
+  send({"kel.tests.wrong", {}, "this is an observation with no data"});
+  for (std::size_t n = 1; n < 21; ++n) send(correctRun()[n]);
+  EXPECT_EQ(exitOf([this] { scenario.timers.advance(5s); }), 2);
+  EXPECT_EQ(exitOf([this] { send("kel.tests.more"); }), 2);
+  EXPECT_EQ(end(), 1);
+}
+
+TEST_F(SelftestScenario, theStartMarkerItselfArmsTheAlarm) {
+  send("kel.tests.marker.start");
+  EXPECT_EQ(scenario.timers.secondsToNext(), 5);
+  EXPECT_EQ(exitOf([this] { scenario.timers.advance(4s); }), -1);
+  EXPECT_EQ(exitOf([this] { scenario.timers.advance(1s); }), 1);
+}
+
+TEST_F(SelftestScenario, everyObservationOfARunArmsTheAlarmAnew) {
+  send("kel.tests.marker.start");
+  for (const Sent& sent : correctRun()) {
+    scenario.timers.advance(4s);
+    send(sent);
+    EXPECT_EQ(scenario.timers.secondsToNext(), 5) << sent.id;
+  }
+}
+
+TEST_F(SelftestScenario, aCorruptionMarkerLeavesTheAlarmDisarmed) {
+  send("kel.tests.marker.start");
+  send("kel.tests.marker.corruptions.start");
+  EXPECT_FALSE(scenario.timers.armed());
+  send(correctRun()[0]);
+  send("kel.tests.marker.corruptions.end");
+  EXPECT_FALSE(scenario.timers.armed());
+}
+
+TEST_F(SelftestScenario, theEndMarkerLeavesTheAlarmDisarmed) {
+  send("kel.tests.marker.start");
+  sendRun(21);
+  end();
+  EXPECT_FALSE(scenario.timers.armed());
+}
+
+TEST_F(SelftestScenario, aSecondStartMarkersAlarmTakesThePlaceOfTheFirst) {
+  send("kel.tests.marker.start");
+  scenario.timers.advance(3s);
+  send("kel.tests.marker.start");
+  EXPECT_EQ(scenario.timers.secondsToNext(), 5);
+  EXPECT_EQ(exitOf([this] { scenario.timers.advance(4s); }), -1);
+  EXPECT_EQ(exitOf([this] { scenario.timers.advance(1s); }), 2);
+  EXPECT_FALSE(scenario.timers.armed());
+}
+
+TEST_F(SelftestScenario, everyStartMarkerTakesATimerOfItsOwn) {
+  for (unsigned n = 0; n < keld::kMaxTimers; ++n) {
+    EXPECT_EQ(exitOf([this] { send("kel.tests.marker.start"); }), -1) << n;
+  }
+  // Fifteen duplicates, the sixteenth, and the alarm that could not be made.
+  EXPECT_EQ(exitOf([this] { send("kel.tests.marker.start"); }), 17);
+  EXPECT_TRUE(output.ends_with("FAILURE: Duplicate test start kels?!FAIL: Failed to set alarm handler\n"));
+}
+
+TEST_F(SelftestScenario, onceStartedTheTimersOfOthersAreLeftAlone) {
+  const int foreign = scenario.timers.create([] {});
+  ASSERT_EQ(foreign, 0);
+  send("kel.tests.marker.start");
+  scenario.timers.set(foreign, keld::TimerMode::oneShot, 60, nullptr);
+  send("kel.tests.marker.corruptions.start");
+  EXPECT_EQ(scenario.timers.secondsToNext(), 60);
+}
+
+TEST_F(SelftestScenario, theCorruptionWindowMayOpenBeforeTheStart) {
+  send("kel.tests.marker.corruptions.start");
+  send(correctRun()[0]);
+  EXPECT_TRUE(output.ends_with("WARNING: received kel kel.tests.async.noData before test 'START' kel. (Ignoring.)"));
+  send("kel.tests.marker.start");
+  send(correctRun()[0]);
+  EXPECT_TRUE(
+      output.ends_with("FAIL: Kel kel.tests.async.noData received, but should get nothing during the corrupt kel "
+                       "window.  Dropping.\n"));
+  EXPECT_EQ(end(), 2);
+  EXPECT_TRUE(
+      output.ends_with("FAIL: No. of tests = 21, but received only 0 kels.\nINFO: Tests completed. Failures = 2\n"));
+}
+
+TEST_F(SelftestScenario, theCorruptionMarkersMayComeAfterAllObservations) {
+  send("kel.tests.marker.start");
+  sendRun(21);
+  send("kel.tests.marker.corruptions.start");
+  send("kel.tests.marker.corruptions.end");
+  EXPECT_EQ(end(), 0);
+  EXPECT_FALSE(said("FAIL"));
+}
+
+TEST_F(SelftestScenario, inTheCorruptionWindowTooA22ndObservationExits) {
+  send("kel.tests.marker.start");
+  sendRun(21);
+  send("kel.tests.marker.corruptions.start");
+  EXPECT_EQ(exitOf([this] { send("kel.tests.more"); }), 1);
+  EXPECT_TRUE(said("FAIL: More KELs receieved than expected! kelId = 'kel.tests.more'."));
+  EXPECT_FALSE(said("Dropping."));
+}
+
+TEST_F(SelftestScenario, everyMissingOrMistypedArgumentIsAFailureOfItsOwn) {
+  send("kel.tests.marker.start");
+  sendRun(4);
+  output.clear();
+  send({"kel.tests.async.withIntParams",
+        {s("-559038737"), i(-559038737)},
+        "this is an observation with integer parameters. -559038737, deadbeef, -2401053088876216593"});
+  EXPECT_EQ(output,
+            "INFO: Got kel: kel.tests.async.withIntParams\n"
+            "FAIL: Kel_GetStringArg (kel.tests.async.withIntParams) failed: 0!\n"
+            "FAIL: Kel_GetIntArg returned 22 @ i = 0\n"
+            "FAIL: Kel_GetIntArg returned 75 @ i = 2\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withIntParams: Invalid argument\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withIntParams: Invalid argument\n");
+  send(correctRun()[5]);
+  send({"kel.tests.async.withStringParams", {i(0)}, "this is an observation with a string parameter: some string"});
+  EXPECT_TRUE(
+      output.ends_with("FAIL: Kel_GetStringArg returned 22 @ i = 0\n"
+                       "FAIL: Kel_GetIntArg(kel.tests.async.withStringParams) failed: 0\n"
+                       "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withStringParams: Invalid argument\n"));
+  send(correctRun()[7]);
+  output.clear();
+  send({"kel.tests.async.withLongStringParams",
+        {s("some looong long long long long long string"), i(0)},
+        "this is an observation with a string parameter: some looong long long long long long string and another: "
+        "some string"});
+  EXPECT_EQ(output,
+            "INFO: Got kel: kel.tests.async.withLongStringParams\n"
+            "FAIL: Kel_GetStringArg returned 22 @ i = 1\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withLongStringParams: Invalid argument\n");
+  for (std::size_t n = 9; n < 21; ++n) send(correctRun()[n]);
+  EXPECT_EQ(end(), 5 + 3 + 2);
+  EXPECT_EQ(numberedPasses(), 12U);
+}
+
+TEST_F(SelftestScenario, unsignedArgumentsThatCannotBeReadAreReported) {
+  send("kel.tests.marker.start");
+  sendRun(5);
+  output.clear();
+  send({"kel.tests.async.withUintParams",
+        {u(0xdeadbeef), s("deadbeef"), L(16045690984833335023ULL)},
+        "this is an observation with unsigned integer parameters. 3735928559, deadbeef, 16045690984833335023"});
+  EXPECT_EQ(output,
+            "INFO: Got kel: kel.tests.async.withUintParams\n"
+            "FAIL: Kel_GetIntArg returned 22 @ i = 1\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withUintParams: Invalid argument\n");
+}
+
+TEST_F(SelftestScenario, aMessageIsComparedToItsLastByte) {
+  send("kel.tests.marker.start");
+  send({"kel.tests.async.noData", {}, "this is an observation with no data "});
+  EXPECT_TRUE(output.ends_with(
+      "FAIL: Expected msg = 'this is an observation with no data'; Got 'this is an observation with no "
+      "data '\n"));
+  send(correctRun()[1]);
+  send({"kel.tests.async.withLog", {}, "this is an ob with an associated Log message"});
+  EXPECT_TRUE(output.ends_with("Got 'this is an ob with an associated Log message'\n"));
+  EXPECT_EQ(numberedPasses(), 1U);
+}
+
+TEST_F(SelftestScenario, aMissingIdentifierIsNamedAsSuchEverywhere) {
+  send("");
+  EXPECT_TRUE(
+      output.ends_with("INFO: Got kel: (null)\nWARNING: received kel (null) before test 'START' kel. (Ignoring.)"));
+  send("kel.tests.marker.start");
+  send("kel.tests.marker.corruptions.start");
+  send("");
+  EXPECT_TRUE(
+      output.ends_with("FAIL: Kel (null) received, but should get nothing during the corrupt kel window.  "
+                       "Dropping.\n"));
+  send("kel.tests.marker.corruptions.end");
+  send("");
+  EXPECT_TRUE(output.ends_with("INFO: Got kel: (null)\nFAIL: Received NULL kelID\n"));
+  EXPECT_EQ(scenario.timers.secondsToNext(), 5);
+}
+
+TEST_F(SelftestScenario, postingIsTestedBeforeEvenAMarker) {
+  end();
+  EXPECT_TRUE(output.starts_with("INFO: Testing VProb_PostProblem.\n"));
+  EXPECT_TRUE(said("INFO: Vprob tests completed\nINFO: Got kel: kel.tests.marker.end\n"));
+  EXPECT_EQ(scenario.post.take().size(), 7U);
 }
 
 }  // namespace

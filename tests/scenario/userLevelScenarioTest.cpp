@@ -366,6 +366,7 @@ TEST_F(UserLevelScenario, aLockedAccountIsPostedEvenWhereTheAuditTrailCannotBeWr
 TEST_F(UserLevelScenario, aLockedAccountWithoutANameIsShownAsSuch) {
   const support::ModelHost host;
   EXPECT_EQ(observed(kLocked, {null(), i(900), i(5)}), locked("(null)", 900, 5));
+  EXPECT_EQ(scenario::auditTrail(host), Lines{R"-("record":"account.locked","user":"(null)","text":"","flag":true)-"});
 }
 
 TEST_F(UserLevelScenario, noOtherRowIsPutOnTheAuditTrail) {
