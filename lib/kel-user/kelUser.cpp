@@ -20,13 +20,13 @@ namespace {
 
 /// What one process does with a handle.
 struct Use {
-  Use(pid_t user, const std::string& path, std::unique_ptr<Use> parent)
-      : process(user), connection(path), inherited(std::move(parent)) {}
+  Use(pid_t user, const std::string& path) : process(user), connection(path) {}
 
   const pid_t process;
   UserConnection connection;
-  /// The parent's, after a fork. A thread of the parent may have held its lock: it is not used again.
-  std::unique_ptr<Use> inherited;
+  /// The parent's, after a fork. It is kept, but never freed: threads that exist in the parent only may
+  /// have been inside, and destroying a condition waits for who waits at it.
+  Use* inherited = nullptr;
 };
 
 std::string socketPath() {
@@ -66,10 +66,17 @@ int guarded(const Call& call) noexcept {
 
 struct kel_user {
   kel_user(int limit, std::string socketPath)
-      : limitMilliseconds(limit), path(std::move(socketPath)), use(new kelUser::Use(::getpid(), path, nullptr)) {}
+      : limitMilliseconds(limit), path(std::move(socketPath)), use(new kelUser::Use(::getpid(), path)) {}
   kel_user(const kel_user&) = delete;
   kel_user& operator=(const kel_user&) = delete;
-  ~kel_user() { delete use.load(); }
+  ~kel_user() {
+    kelUser::Use* const last = use.load();
+    if (last->process == ::getpid()) {
+      delete last;
+    } else {
+      last->connection.abandon();
+    }
+  }
 
   const int limitMilliseconds;
   const std::string path;
@@ -84,10 +91,11 @@ Use& useOf(kel_user& handle) {
   Use* use = handle.use.load();
   const pid_t process = ::getpid();
   if (use->process == process) return *use;
-  auto own = std::make_unique<Use>(process, handle.path, nullptr);
+  auto own = std::make_unique<Use>(process, handle.path);
+  own->inherited = use;
+  // Where another thread was faster, its use is everybody's.
   if (!handle.use.compare_exchange_strong(use, own.get())) return *use;
   use->connection.abandon();
-  own->inherited.reset(use);
   return *own.release();
 }
 
@@ -136,9 +144,6 @@ int kel_user_counts(kel_user* handle, kel_user_counters* counters) {
 }
 
 void kel_user_close(kel_user* handle) {
-  if (handle == nullptr) return;
   const kelUser::NoCancellation whole;
-  kelUser::Use* const use = handle->use.load();
-  if (use->process != ::getpid()) use->connection.abandon();
   delete handle;
 }

@@ -31,13 +31,16 @@ bool isBroken(int status) {
 
 int UserConnection::send(const std::vector<char>& batch, std::uint64_t observations, Time due) {
   int status = ETIMEDOUT;
-  if (const std::unique_lock lock(mutex_, due); lock) status = sendLocked(batch, observations, due);
+  if (turn_.take(due)) {
+    status = sendInTurn(batch, observations, due);
+    turn_.end();
+  }
   if (status == EAGAIN) status = ETIMEDOUT;
   (status == 0 ? sent_ : dropped_).fetch_add(observations, std::memory_order_relaxed);
   return status;
 }
 
-int UserConnection::sendLocked(const std::vector<char>& batch, std::uint64_t observations, Time due) {
+int UserConnection::sendInTurn(const std::vector<char>& batch, std::uint64_t observations, Time due) {
   // A connection may have broken long ago, with another daemon at its place by now.
   constexpr int kAttempts = 2;
   for (int attempt = 1;; ++attempt) {

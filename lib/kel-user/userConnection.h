@@ -6,12 +6,12 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "host/uniqueFd.h"
 #include "kel-user.h"
+#include "turn.h"
 
 namespace kelUser {
 
@@ -37,7 +37,7 @@ class UserConnection {
  private:
   enum class Fate { taken, waiting, turnedAway };
 
-  int sendLocked(const std::vector<char>& batch, std::uint64_t observations, Time due);
+  int sendInTurn(const std::vector<char>& batch, std::uint64_t observations, Time due);
   int sendConnected(const std::vector<char>& batch, std::uint64_t observations, bool isNew, Time due);
   int connect(Time due);
   /// Has connecting fail with `failure` for a while. Returns it.
@@ -48,8 +48,8 @@ class UserConnection {
   [[nodiscard]] bool ownsDescriptor() const;
 
   const std::string path_;
-  std::timed_mutex mutex_;
-  // Under mutex_.
+  Turn turn_;
+  // Its thread's, whose turn it is.
   platform::UniqueFd fd_;
   ino_t inode_ = 0;  ///< of fd_, which tells it from what took its number
   bool wasConnected_ = false;

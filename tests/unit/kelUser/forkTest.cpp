@@ -86,21 +86,35 @@ TEST_F(ForkTest, AChildClosesNothingThatTookTheDescriptorsNumber) {
   EXPECT_TRUE(isWell(child));
 }
 
-TEST_F(ForkTest, AChildOfAProcessWhoseOtherThreadIsSendingDoesNotWaitForIt) {
+TEST_F(ForkTest, AChildOfAProcessWhoseOtherThreadsAreSendingDoesNotWaitForThem) {
   const std::string text(60000, 'x');
   const kel_user_arg arg = kel_user_string(text.c_str());
   const kel_user_observation one{"kel.user.fill", nullptr, &arg, 1, nullptr};
   std::uint64_t filled = 0;
   while (kel_user_emit_batch(connected_.handle.get(), &one, 1, 0) == 0) ++filled;
-  auto sending = std::async(std::launch::async, [&] { return emit(connected_.handle, "kel.user.patient"); });
-  // It holds the handle once another call finds it in use for so long as that takes.
-  EXPECT_EQ(kel_user_emit_batch(connected_.handle.get(), &one, 1, 20), ETIMEDOUT);
-  const pid_t child = startChild([&] { return emit(connected_.handle, "kel.user.child") == 0; });
+  std::vector<std::future<int>> sending;
+  for (int thread = 0; thread < 2; ++thread) {
+    sending.push_back(std::async(std::launch::async, [&] { return emit(connected_.handle, "kel.user.patient"); }));
+  }
+  // Time enough for one to wait for room and the other for its turn.
+  EXPECT_EQ(kel_user_emit_batch(connected_.handle.get(), &one, 1, 50), ETIMEDOUT);
+  const pid_t unused = startChild([&] {
+    connected_.handle.reset();
+    return true;
+  });
+  EXPECT_TRUE(isWell(unused));
+  const pid_t child = startChild([&] {
+    const int status = emit(connected_.handle, "kel.user.child");
+    connected_.handle.reset();
+    return status == 0;
+  });
   EXPECT_EQ(listener_.accept().nextIds(), Ids{"kel.user.child"});
   EXPECT_TRUE(isWell(child));
   for (; filled > 0; --filled) EXPECT_EQ(connected_.connection.nextIds(), Ids{"kel.user.fill"});
-  EXPECT_EQ(connected_.connection.nextIds(), Ids{"kel.user.patient"});
-  EXPECT_EQ(sending.get(), 0);
+  for (std::future<int>& patient : sending) {
+    EXPECT_EQ(connected_.connection.nextIds(), Ids{"kel.user.patient"});
+    EXPECT_EQ(patient.get(), 0);
+  }
 }
 
 }  // namespace
