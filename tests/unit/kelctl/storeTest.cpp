@@ -1,5 +1,7 @@
 // kelctl store, and boot-report as far as it needs no daemon, on a store of the test's own.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 
 #include <filesystem>
 #include <fstream>
@@ -8,6 +10,7 @@
 #include "command.h"
 #include "configstore/database.h"
 #include "failure.h"
+#include "host/uniqueFd.h"
 #include "modelHost.h"
 #include "platform/configstore.h"
 
@@ -171,6 +174,14 @@ TEST_F(StoreCommand, ADryRunOfTheBootReportPrintsTheObservationAndChangesNothing
 TEST_F(StoreCommand, TheBootReportTakesOnlyTheDaemonsRecord) {
   store("reboot_reason", {{"reason", "of another instance"}}, "0");
   EXPECT_EQ(run({"boot-report", "--dry-run"}).out, "kelctl emit kel.user.host.reboot.reason.unavailable\n");
+}
+
+TEST_F(StoreCommand, OneBootReportRunsAtATime) {
+  storeReason();
+  const platform::UniqueFd other(::open(host_.runDirectory().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  ASSERT_EQ(::flock(other.get(), LOCK_EX), 0);
+  expectFailure({"boot-report"}, "another boot-report is at work");
+  EXPECT_EQ(run({"store", "get", "reboot_reason", "user"}).out, "root\n");
 }
 
 TEST_F(StoreCommand, WithoutADaemonTheRecordStays) {

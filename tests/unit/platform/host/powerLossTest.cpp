@@ -195,7 +195,7 @@ class Disk {
       for (const Step& pending : files_[number].pending) {
         if (reached()) apply(pending, content);
       }
-      std::ofstream(directory + "/" + name, std::ios::binary) << content;
+      std::ofstream(std::filesystem::path(directory) / name, std::ios::binary) << content;
     }
   }
 
