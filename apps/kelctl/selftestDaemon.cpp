@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <vector>
 
 #include "failure.h"
 #include "host/files.h"
@@ -27,11 +26,17 @@ using platform::UniqueFd;
 constexpr const char* kProgramName = "keld-selftest";
 constexpr int kNotStarted = 127;
 
-std::pair<UniqueFd, UniqueFd> makePipe() {
-  int ends[2];
-  if (::pipe2(ends, O_CLOEXEC) != 0) throw Failure("cannot make a pipe: " + platform::errnoText(errno));
-  return {UniqueFd(ends[0]), UniqueFd(ends[1])};
-}
+struct Pipe {
+  Pipe() {
+    int ends[2] = {-1, -1};
+    if (::pipe2(ends, O_CLOEXEC) != 0) throw Failure("cannot make a pipe: " + platform::errnoText(errno));
+    readEnd.reset(ends[0]);
+    writeEnd.reset(ends[1]);
+  }
+
+  UniqueFd readEnd;
+  UniqueFd writeEnd;
+};
 
 /// Becomes the program, or tells why not. In the child of a process with one thread.
 [[noreturn]] void becomeProgram(const std::string& path, pid_t parent, int output, int trouble) {
@@ -101,24 +106,29 @@ PrivateInstance::~PrivateInstance() {
 }
 
 ChildProgram::ChildProgram(const std::string& path) {
-  auto [output, childsOutput] = makePipe();
-  auto [trouble, childsTrouble] = makePipe();
+  Pipe output;
+  Pipe trouble;
   // This end alone: the program expects its own to wait.
-  if (::fcntl(output.get(), F_SETFL, O_NONBLOCK) != 0) throw Failure(platform::errnoText(errno));
+  if (::fcntl(output.readEnd.get(), F_SETFL, O_NONBLOCK) != 0) {
+    throw Failure("cannot prepare a pipe: " + platform::errnoText(errno));
+  }
   const pid_t parent = ::getpid();
   pid_ = ::fork();
   if (pid_ < 0) throw Failure("cannot start a process: " + platform::errnoText(errno));
-  if (pid_ == 0) becomeProgram(path, parent, childsOutput.get(), childsTrouble.get());
-  childsOutput.reset();
-  childsTrouble.reset();
-  output_ = std::move(output);
+  if (pid_ == 0) becomeProgram(path, parent, output.writeEnd.get(), trouble.writeEnd.get());
+  trouble.writeEnd.reset();
   int status = 0;
   ssize_t got = 0;
   do {
-    got = ::read(trouble.get(), &status, sizeof status);
+    got = ::read(trouble.readEnd.get(), &status, sizeof status);
   } while (got < 0 && errno == EINTR);
-  if (got == 0) return;  // the pipe was closed by the program's start
-  ::waitpid(pid_, nullptr, 0);
+  // The program's start has closed the pipe.
+  if (got == 0) {
+    output_ = std::move(output.readEnd);
+    return;
+  }
+  while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+  }
   throw Failure(fmt::format("cannot start {}: {}", path, platform::errnoText(got == sizeof status ? status : EIO)));
 }
 
@@ -166,7 +176,7 @@ std::string findSelftestDaemon() {
   const fs::path places[] = {own, own.parent_path() / "libexec/keld", own.parent_path() / "sbin"};
   std::string looked;
   for (const fs::path& place : places) {
-    const std::string program = place / kProgramName;
+    std::string program = place / kProgramName;
     if (::access(program.c_str(), X_OK) == 0) return program;
     looked += (looked.empty() ? "" : ", ") + place.string();
   }

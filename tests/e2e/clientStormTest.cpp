@@ -35,7 +35,7 @@ constexpr unsigned kPerBatch = 32;
 constexpr unsigned kWindow = 4096;
 /// What the daemon may hold at any time beyond what it held when idle: its buffer at its largest, and what is
 /// on its way to the trace client.
-constexpr std::size_t kMemoryBoundKiB = 16 * 1024;
+constexpr std::size_t kMemoryBoundKiB = 16'384;
 
 /// As many observations as KELD_STORM says; where it says nothing, what takes some seconds.
 unsigned stormSize() {

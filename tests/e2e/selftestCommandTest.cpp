@@ -74,7 +74,7 @@ class SelftestCommand : public EndToEnd {
   }
   /// Something in the place of the daemon.
   [[nodiscard]] std::string script(const std::string& text) const {
-    const std::string path = workspace().root() + "/daemon";
+    std::string path = workspace().root() + "/daemon";
     std::ofstream(path) << "#!/bin/sh\n" << text << "\n";
     ::chmod(path.c_str(), 0700);
     return path;

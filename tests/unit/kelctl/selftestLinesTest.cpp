@@ -10,12 +10,14 @@ using kelctl::Verdict;
 
 std::vector<std::string> texts(const std::vector<SelftestLine>& lines) {
   std::vector<std::string> all;
+  all.reserve(lines.size());
   for (const SelftestLine& line : lines) all.push_back(line.text);
   return all;
 }
 
 std::vector<Verdict> verdicts(const std::vector<SelftestLine>& lines) {
   std::vector<Verdict> all;
+  all.reserve(lines.size());
   for (const SelftestLine& line : lines) all.push_back(line.verdict);
   return all;
 }
