@@ -91,6 +91,27 @@ TEST_F(SenderTest, aFullQueueMakesItWaitAndASignalDoesNotEndTheWait) {
   ASSERT_EQ(::sigaction(SIGUSR1, &before, nullptr), 0);
 }
 
+TEST_F(SenderTest, aFullQueueIsWaitedForUntilTheGivenTimeOnly) {
+  const Context context = openAsync();
+  const Context user = openUser();
+  for (const bool toUser : {false, true}) {
+    KelEmit::Sender sender;
+    ASSERT_EQ(toUser ? sender.openUser() : sender.openContext(0), 0);
+    int sent = 0;
+    int status = 0;
+    while ((status = sender.send(numbered(sent), std::chrono::steady_clock::now())) == 0) ++sent;
+    EXPECT_EQ(status, EAGAIN);
+    EXPECT_EQ(sender.send(numbered(sent), std::chrono::steady_clock::now() + std::chrono::milliseconds(20)), EAGAIN);
+    const int fd = toUser ? accept(user) : fdOf(context);
+    for (int number = 0; number < sent; ++number) EXPECT_EQ(next(fd), numbered(number));
+    EXPECT_EQ(sender.send(numbered(sent), std::chrono::steady_clock::now()), 0);
+    EXPECT_EQ(next(fd), numbered(sent));
+    if (toUser) {
+      EXPECT_EQ(KelLib_UserContextCloseCnx(fd), 0);
+    }
+  }
+}
+
 TEST_F(SenderTest, aContextThatNobodyHasOpenIsAFailure) {
   KelEmit::Sender sender;
   EXPECT_EQ(sender.openContext(0), ENOENT);
