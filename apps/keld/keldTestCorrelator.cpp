@@ -292,12 +292,14 @@ int TestCorrelator::readIntegers(const Kel* observation, const char* id, const c
 
 int TestCorrelator::readStrings(const Kel* observation, const char* id, unsigned count) {
   const char* texts[2] = {nullptr, nullptr};
+  int errors = 0;
   for (unsigned n = 0; n < count; ++n) {
     if (const int status = Kel_GetArgs(observation, n, "%p", &texts[n]); status != 0) {
       say("FAIL: Kel_GetArgs failed for KEL %s: %s\n", id, std::strerror(status));
-      return 1;
+      ++errors;
     }
   }
+  if (errors != 0) return errors;
   if (count == 1) {
     say("PASS: Kel_GetArgs succeeded for KEL %s. Args: %s\n", id, texts[0]);
   } else {

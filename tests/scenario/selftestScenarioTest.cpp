@@ -419,6 +419,25 @@ TEST_F(SelftestScenario, everyMissingOrMistypedArgumentIsAFailureOfItsOwn) {
   EXPECT_EQ(numberedPasses(), 12U);
 }
 
+TEST_F(SelftestScenario, eachOfTwoStringsThatCannotBeReadIsReported) {
+  send("kel.tests.marker.start");
+  sendRun(8);
+  output.clear();
+  send({"kel.tests.async.withLongStringParams",
+        {i(0), i(0)},
+        "this is an observation with a string parameter: some looong long long long long long string and another: "
+        "some string"});
+  EXPECT_EQ(output,
+            "INFO: Got kel: kel.tests.async.withLongStringParams\n"
+            "FAIL: Kel_GetStringArg returned 22 @ i = 0\n"
+            "FAIL: Kel_GetStringArg returned 22 @ i = 1\n"
+            "FAIL: Kel_GetIntArg(kel.tests.async.withLongStringParams) failed: 0\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withLongStringParams: Invalid argument\n"
+            "FAIL: Kel_GetArgs failed for KEL kel.tests.async.withLongStringParams: Invalid argument\n");
+  for (std::size_t n = 9; n < 21; ++n) send(correctRun()[n]);
+  EXPECT_EQ(end(), 5);
+}
+
 TEST_F(SelftestScenario, unsignedArgumentsThatCannotBeReadAreReported) {
   send("kel.tests.marker.start");
   sendRun(5);
