@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <utility>
 
 #include "kel/contextConnection.h"
 
@@ -22,6 +23,8 @@ using std::chrono::steady_clock;
 constexpr std::chrono::seconds kReconnectPause{1};
 /// How long a new connection's first batch is watched. The daemon reads at once what it serves.
 constexpr milliseconds kFirstReadLimit{1000};
+/// It is looked at so often at least.
+constexpr milliseconds kLongestLook{32};
 
 bool isBroken(int status) {
   return status == EPIPE || status == ECONNRESET || status == ENOTCONN;
@@ -43,27 +46,30 @@ int UserConnection::send(const std::vector<char>& batch, std::uint64_t observati
 int UserConnection::sendInTurn(const std::vector<char>& batch, std::uint64_t observations, Time due) {
   // A connection may have broken long ago, with another daemon at its place by now.
   constexpr int kAttempts = 2;
+  // What was sent before the process closed the descriptor itself is delivered all the same.
+  if (fd_ && !ownsDescriptor()) abandon();
   for (int attempt = 1;; ++attempt) {
-    const bool isNew = !fd_;
-    if (isNew) {
+    if (!fd_) {
       if (const int status = connect(due); status != 0) return status;
     }
-    const int status = sendConnected(batch, observations, isNew, due);
+    const int status = sendConnected(batch, observations, due);
     if (!isBroken(status)) return status;
     disconnect(status);
     if (attempt == kAttempts) return pause(EUSERS);
   }
 }
 
-int UserConnection::sendConnected(const std::vector<char>& batch, std::uint64_t observations, bool isNew, Time due) {
+int UserConnection::sendConnected(const std::vector<char>& batch, std::uint64_t observations, Time due) {
   // Asked before sending: what a closing daemon leaves unread counts as drained, too, but then
   // sending fails.
   const bool isRead = isDrained();
   if (const int status = platform::sendBatch(fd_.get(), batch, due); status != 0) return status;
-  const Fate fate = isNew ? awaitReader(due) : Fate::waiting;
+  const bool isFirst = !std::exchange(hasSent_, true);
+  const Fate fate = isFirst ? awaitReader(due) : Fate::waiting;
   if (fate == Fate::turnedAway) return ECONNRESET;
   if (isRead) unread_ = 0;
   if (fate == Fate::waiting) unread_ += observations;
+  if (fate == Fate::taken || (isRead && !isFirst)) noteServed();
   return 0;
 }
 
@@ -81,16 +87,22 @@ int UserConnection::connect(Time due) {
   struct stat facts {};
   inode_ = ::fstat(fd.get(), &facts) == 0 ? facts.st_ino : 0;
   fd_ = std::move(fd);
-  if (wasConnected_) reconnects_.fetch_add(1, std::memory_order_relaxed);
-  wasConnected_ = true;
+  unread_ = 0;
+  hasSent_ = false;
+  isServed_ = false;
   return 0;
 }
 
 void UserConnection::disconnect(int status) {
-  // A peer that closes with something unread resets the connection (unix(7)).
+  // A peer that closes with something unread resets the connection (unix(7)); any other has read it all.
   if (status == ECONNRESET) lost_.fetch_add(unread_, std::memory_order_relaxed);
-  unread_ = 0;
+  if (status == EPIPE && hasSent_) noteServed();
   fd_.reset();
+}
+
+void UserConnection::noteServed() {
+  if (std::exchange(isServed_, true)) return;
+  if (std::exchange(wasServed_, true)) reconnects_.fetch_add(1, std::memory_order_relaxed);
 }
 
 bool UserConnection::isDrained() const {
@@ -102,7 +114,7 @@ bool UserConnection::isDrained() const {
 /// sends. So it looks whether what it sent first is read.
 UserConnection::Fate UserConnection::awaitReader(Time due) const {
   due = std::min(due, steady_clock::now() + kFirstReadLimit);
-  for (milliseconds pause{1};; pause *= 2) {
+  for (milliseconds pause{1};; pause = std::min(pause * 2, kLongestLook)) {
     const bool drained = isDrained();
     pollfd state{fd_.get(), 0, 0};
     const auto left = std::chrono::ceil<milliseconds>(due - steady_clock::now());

@@ -22,6 +22,9 @@ using Time = std::chrono::steady_clock::time_point;
 class UserConnection {
  public:
   explicit UserConnection(std::string socketPath) : path_(std::move(socketPath)) {}
+  UserConnection(const UserConnection&) = delete;
+  UserConnection& operator=(const UserConnection&) = delete;
+  ~UserConnection() { abandon(); }
 
   /// Sends one batch of `observations` records within the time until `due`, whole or not at all, and
   /// counts them. Returns 0 or the errno value that kel_user_emit_batch() returns.
@@ -30,19 +33,22 @@ class UserConnection {
   void drop(std::uint64_t observations) { dropped_.fetch_add(observations, std::memory_order_relaxed); }
   [[nodiscard]] kel_user_counters counts() const;
 
-  /// In the child of a fork: lets go of the parent's connection, which stays as it is. No thread of the
-  /// parent exists here, whatever it held.
+  /// Lets go of the connection, and of nothing else that has its descriptor's number by now. In the child
+  /// of a fork the parent's connection stays as it is; no thread of the parent exists here, whatever it
+  /// held.
   void abandon();
 
  private:
   enum class Fate { taken, waiting, turnedAway };
 
   int sendInTurn(const std::vector<char>& batch, std::uint64_t observations, Time due);
-  int sendConnected(const std::vector<char>& batch, std::uint64_t observations, bool isNew, Time due);
+  int sendConnected(const std::vector<char>& batch, std::uint64_t observations, Time due);
   int connect(Time due);
   /// Has connecting fail with `failure` for a while. Returns it.
   int pause(int failure);
   void disconnect(int status);
+  /// Counts the connection, once: the daemon reads from it.
+  void noteServed();
   [[nodiscard]] bool isDrained() const;
   [[nodiscard]] Fate awaitReader(Time due) const;
   [[nodiscard]] bool ownsDescriptor() const;
@@ -51,8 +57,10 @@ class UserConnection {
   Turn turn_;
   // Its thread's, whose turn it is.
   platform::UniqueFd fd_;
-  ino_t inode_ = 0;  ///< of fd_, which tells it from what took its number
-  bool wasConnected_ = false;
+  ino_t inode_ = 0;           ///< of fd_, which tells it from what took its number
+  bool hasSent_ = false;      ///< on this connection
+  bool isServed_ = false;     ///< it was read from
+  bool wasServed_ = false;    ///< so was one before, or this one
   std::uint64_t unread_ = 0;  ///< observations sent on this connection, as far as not known to be read
   Time retryAt_;              ///< connecting fails with failure_ until then
   int failure_ = 0;

@@ -58,7 +58,7 @@ struct kel_user_counters {
   uint64_t sent;       /* handed to a connection */
   uint64_t dropped;    /* not sent: no daemon, no place, no time, no memory */
   uint64_t lost;       /* of those sent, at most so many were unread when their connection broke */
-  uint64_t reconnects; /* connections made after the first */
+  uint64_t reconnects; /* connections that the daemon was found to read from, after the first */
 };
 
 /*
@@ -83,7 +83,9 @@ int kel_user_emit(struct kel_user* handle, const char* id, const char* message, 
  * nothing to send, a pointer or an identifier is missing or empty, or a type unknown. EMSGSIZE: the
  * batch is KEL_USER_BATCH_LIMIT_BYTES or longer. With any other error all of them are dropped and
  * counted: ETIMEDOUT: the daemon's queue stayed full or the handle in use. EUSERS: the daemon has no
- * place for another client. ENOENT, ECONNREFUSED: no daemon. EACCES: it is not for this user. After
+ * place for another client. So the first batch on a connection is watched until it is read, for up to a
+ * second within the limit; where that is too short to tell, the call returns 0, and what was turned away
+ * is found lost by the next. ENOENT, ECONNREFUSED: no daemon. EACCES: it is not for this user. After
  * a failure to connect, calls fail with its error for a second, at once, before it is tried again.
  */
 int kel_user_emit_batch(struct kel_user* handle, const struct kel_user_observation* observations, size_t count,

@@ -3,9 +3,16 @@
 #include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <chrono>
+#include <climits>
+#include <csignal>
+#include <ctime>
 #include <filesystem>
 #include <future>
 #include <map>
@@ -198,6 +205,91 @@ TEST_F(ConnectionTest, AClientTooManyIsToldAndFindsItsPlaceLater) {
   daemon.join();
   EXPECT_EQ(served.get_future().get().nextIds(), Ids{"kel.user.late"});
   EXPECT_EQ(counts(handle).lost, 0U);
+  EXPECT_EQ(counts(handle).reconnects, 0U) << "the first that was served";
+}
+
+TEST_F(ConnectionTest, AClientTooManyThatDoesNotWaitFindsItsFirstBatchLost) {
+  const Listener listener(socketPath());
+  const Handle handle = open(0);
+  EXPECT_EQ(emit(handle), 0);
+  EXPECT_EQ(counts(handle).sent, 1U);
+  listener.accept().close();
+  EXPECT_EQ(emit(handle), 0) << "on a connection that is not accepted yet";
+  EXPECT_EQ(counts(handle).lost, 1U);
+  listener.accept().close();
+  EXPECT_EQ(emit(handle), 0);
+  EXPECT_EQ(counts(handle).lost, 2U);
+  EXPECT_EQ(counts(handle).reconnects, 0U) << "none was ever served";
+}
+
+TEST_F(ConnectionTest, AConnectionThatIsReadLaterCounts) {
+  const Listener listener(socketPath());
+  const Handle handle = open(0);
+  EXPECT_EQ(emit(handle), 0);
+  {
+    const Connection first = listener.accept();
+    EXPECT_EQ(first.nextIds(), Ids{"kel.user.a"});
+  }
+  EXPECT_EQ(emit(handle), 0);
+  EXPECT_EQ(counts(handle).reconnects, 0U) << "not known to be read";
+  const Connection second = listener.accept();
+  EXPECT_EQ(second.nextIds(), Ids{"kel.user.a"});
+  for (int n = 0; n < 2; ++n) EXPECT_EQ(emit(handle), 0);
+  EXPECT_EQ(counts(handle).reconnects, 1U);
+  EXPECT_EQ(counts(handle).lost, 0U);
+}
+
+TEST_F(ConnectionTest, TheLongestLimitIsOne) {
+  const Listener listener(socketPath());
+  const Connected connected = connect(listener, INT_MAX);
+  const std::uint64_t filled = fill(connected.handle);
+  auto emitted = std::async(std::launch::async, [&] { return emit(connected.handle, "kel.user.patient"); });
+  drain(connected.connection, filled);
+  EXPECT_EQ(connected.connection.nextIds(), Ids{"kel.user.patient"});
+  EXPECT_EQ(emitted.get(), 0);
+}
+
+/// Interrupts this process every millisecond.
+class Interruptions {
+ public:
+  Interruptions() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {};
+    EXPECT_EQ(::sigaction(SIGALRM, &action, &before_), 0);
+    set(1000);
+  }
+  Interruptions(const Interruptions&) = delete;
+  Interruptions& operator=(const Interruptions&) = delete;
+  ~Interruptions() {
+    set(0);
+    ::sigaction(SIGALRM, &before_, nullptr);
+  }
+
+ private:
+  static void set(suseconds_t microseconds) {
+    const itimerval timer{{0, microseconds}, {0, microseconds}};
+    EXPECT_EQ(::setitimer(ITIMER_REAL, &timer, nullptr), 0);
+  }
+
+  struct sigaction before_ {};
+};
+
+TEST_F(ConnectionTest, SignalsNeitherEndNorHurryAWait) {
+  constexpr int kLimitMilliseconds = 150;
+  const Listener listener(socketPath());
+  const Handle handle = open(kLimitMilliseconds);
+  const Interruptions interruptions;
+  const auto cpuTime = [] {
+    timespec now{};
+    ::clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  };
+  const auto begin = std::chrono::steady_clock::now();
+  const auto usedBefore = cpuTime();
+  EXPECT_EQ(emit(handle), 0);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(kLimitMilliseconds));
+  EXPECT_LT(cpuTime() - usedBefore, std::chrono::milliseconds(kLimitMilliseconds / 2)) << "it sleeps";
+  EXPECT_EQ(counts(handle).sent, 1U);
 }
 
 TEST_F(ConnectionTest, SeveralThreadsShareAHandle) {
@@ -253,6 +345,61 @@ TEST_F(ConnectionTest, ItsDescriptorIsNotInheritedByProgramsAndIsClosedWithTheHa
   EXPECT_TRUE(connected.connection.next().empty());
   connected.connection.close();
   EXPECT_EQ(openDescriptors(), before);
+}
+
+std::set<int> openSockets() {
+  std::set<int> sockets;
+  for (const int fd : openDescriptors()) {
+    struct stat facts {};
+    if (::fstat(fd, &facts) == 0 && S_ISSOCK(facts.st_mode)) sockets.insert(fd);
+  }
+  return sockets;
+}
+
+/// The one socket that was opened since.
+int socketSince(const std::set<int>& before) {
+  for (const int fd : openSockets()) {
+    if (!before.contains(fd)) return fd;
+  }
+  return -1;
+}
+
+TEST_F(ConnectionTest, ADescriptorThatWasClosedBehindItsBackIsReplaced) {
+  const Listener listener(socketPath());
+  const Handle handle = open(0);
+  const std::set<int> before = openSockets();
+  EXPECT_EQ(emit(handle, "kel.user.first"), 0);
+  ASSERT_EQ(::close(socketSince(before)), 0);
+  EXPECT_EQ(emit(handle, "kel.user.second"), 0);
+  EXPECT_EQ(listener.accept().nextIds(), Ids{"kel.user.first"});
+  EXPECT_EQ(listener.accept().nextIds(), Ids{"kel.user.second"});
+  EXPECT_EQ(counts(handle).sent, 2U);
+  EXPECT_EQ(counts(handle).lost, 0U);
+}
+
+TEST_F(ConnectionTest, ASocketThatTookItsDescriptorsNumberGetsNothingAndStaysOpen) {
+  const Listener listener(socketPath());
+  std::array<int, 2> others{};
+  ASSERT_EQ(::socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, others.data()), 0);
+  const platform::UniqueFd other(others[0]);
+  const platform::UniqueFd otherEnd(others[1]);
+  for (const bool emitsOn : {true, false}) {
+    Handle handle = open(0);
+    const std::set<int> before = openSockets();
+    EXPECT_EQ(emit(handle, "kel.user.first"), 0);
+    const platform::UniqueFd taken(::dup3(other.get(), socketSince(before), O_CLOEXEC));
+    ASSERT_TRUE(taken);
+    EXPECT_EQ(listener.accept().nextIds(), Ids{"kel.user.first"});
+    if (emitsOn) {
+      EXPECT_EQ(emit(handle, "kel.user.second"), 0);
+      EXPECT_EQ(listener.accept().nextIds(), Ids{"kel.user.second"});
+    }
+    handle.reset();
+    EXPECT_GE(::fcntl(taken.get(), F_GETFD), 0);
+    char byte = 0;
+    EXPECT_EQ(::recv(otherEnd.get(), &byte, 1, MSG_DONTWAIT), -1);
+    EXPECT_EQ(errno, EAGAIN);
+  }
 }
 
 TEST_F(ConnectionTest, AThreadThatIsCancelledFinishesItsCall) {
