@@ -1,6 +1,7 @@
 #include "bootReportDelivery.h"
 
 #include <fmt/format.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,9 +10,7 @@
 
 #include "failure.h"
 #include "host/files.h"
-#include "host/uniqueFd.h"
-#include "kel/batch.h"
-#include "kel/localAddress.h"
+#include "kel/contextConnection.h"
 #include "platform/kelemit.h"
 
 namespace kelctl {
@@ -21,47 +20,34 @@ namespace {
 using std::chrono::steady_clock;
 
 constexpr std::chrono::milliseconds kAttemptPause{20};
-/// A message and what the kernel adds to it.
-constexpr int kSendRoomBytes = static_cast<int>(platform::kBatchLimitBytes) + 4096;
 
-/// Every call on `fd` ends at `due`.
-int bound(int fd, steady_clock::time_point due) {
-  constexpr std::int64_t kPerSecond = 1'000'000;
-  const auto left = std::chrono::duration_cast<std::chrono::microseconds>(due - steady_clock::now()).count();
-  // A time of 0 would be no bound at all.
-  const std::int64_t microseconds = std::max<std::int64_t>(left, 1000);
-  const timeval wait{microseconds / kPerSecond, microseconds % kPerSecond};
-  for (const int option : {SO_SNDTIMEO, SO_RCVTIMEO}) {
-    if (::setsockopt(fd, SOL_SOCKET, option, &wait, sizeof wait) != 0) return errno;
+/// The daemon hangs up when it has read to the end. Where it hangs up, or dies, with something unread,
+/// that is a reset (unix(7)). Returns 0, or an errno value: EAGAIN where `due` passes.
+int awaitHangUp(int fd, steady_clock::time_point due) {
+  using std::chrono::milliseconds;
+  constexpr milliseconds kLongestWait{60'000};
+  while (steady_clock::now() < due) {
+    const auto left = std::chrono::ceil<milliseconds>(due - steady_clock::now());
+    pollfd state{fd, POLLIN, 0};
+    const int ready = ::poll(&state, 1, static_cast<int>(std::clamp(left, milliseconds(0), kLongestWait).count()));
+    if (ready < 0 && errno != EINTR) return errno;
+    if (ready <= 0) continue;
+    char byte = 0;
+    if (::recv(fd, &byte, 1, 0) >= 0) return 0;
+    if (errno != EINTR) return errno;
   }
-  return 0;
-}
-
-template <typename Call>
-ssize_t retryInterrupted(Call call) {
-  ssize_t result = call();
-  while (result < 0 && errno == EINTR) result = call();
-  return result;
+  return EAGAIN;
 }
 
 /// One attempt. Returns 0 once the batch was read, or an errno value.
 int tryToDeliver(const std::vector<char>& batch, steady_clock::time_point due) {
-  sockaddr_un address;
-  if (const int status = platform::localAddress(KelEmit::userSocketPath(), &address); status != 0) return status;
-  const platform::UniqueFd fd(::socket(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0));
-  if (!fd) return errno;
-  if (const int status = bound(fd.get(), due); status != 0) return status;
-  // A refusal shows as EMSGSIZE if it matters.
-  static_cast<void>(::setsockopt(fd.get(), SOL_SOCKET, SO_SNDBUF, &kSendRoomBytes, sizeof kSendRoomBytes));
-  const sockaddr* const place = platform::socketAddress(address);
-  if (retryInterrupted([&] { return ::connect(fd.get(), place, sizeof address); }) != 0) return errno;
-  if (retryInterrupted([&] { return ::send(fd.get(), batch.data(), batch.size(), MSG_NOSIGNAL); }) < 0) return errno;
-  // The daemon hangs up when it has read to the end. Where it hangs up, or dies, with the batch unread,
-  // that is a reset (unix(7)).
+  platform::UniqueFd fd;
+  if (const int status = platform::connectToContext(KelEmit::userSocketPath(), SOCK_SEQPACKET, due, &fd); status != 0) {
+    return status;
+  }
+  if (const int status = platform::sendBatch(fd.get(), batch, due); status != 0) return status;
   if (::shutdown(fd.get(), SHUT_WR) != 0) return errno;
-  char byte = 0;
-  const ssize_t got = retryInterrupted([&] { return ::recv(fd.get(), &byte, 1, 0); });
-  return got < 0 ? errno : 0;
+  return awaitHangUp(fd.get(), due);
 }
 
 /// Whether an attempt that ended so may succeed later.

@@ -116,6 +116,8 @@ ChildProgram::ChildProgram(const std::string& path) {
   pid_ = ::fork();
   if (pid_ < 0) throw Failure("cannot start a process: " + platform::errnoText(errno));
   if (pid_ == 0) becomeProgram(path, parent, output.writeEnd.get(), trouble.writeEnd.get());
+  // The child does the same; whoever is first.
+  ::setpgid(pid_, pid_);
   trouble.writeEnd.reset();
   int status = 0;
   ssize_t got = 0;
@@ -133,7 +135,6 @@ ChildProgram::ChildProgram(const std::string& path) {
 }
 
 ChildProgram::~ChildProgram() {
-  if (ending()) return;
   signal(SIGKILL);
   while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
@@ -158,15 +159,17 @@ void ChildProgram::read(std::string& output) {
 }
 
 std::optional<ChildProgram::Ending> ChildProgram::ending() {
-  int status = 0;
-  if (!ending_ && ::waitpid(pid_, &status, WNOHANG) == pid_) {
-    ending_ = WIFEXITED(status) ? Ending{true, WEXITSTATUS(status)} : Ending{false, WTERMSIG(status)};
+  // It is reaped last, so that its number stays its own until then.
+  siginfo_t seen{};
+  if (!ending_ && ::waitid(P_PID, static_cast<id_t>(pid_), &seen, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+      seen.si_pid == pid_) {
+    ending_ = Ending{seen.si_code == CLD_EXITED, seen.si_status};
   }
   return ending_;
 }
 
 void ChildProgram::signal(int number) const {
-  ::kill(pid_, number);
+  ::kill(-pid_, number);
 }
 
 std::string findSelftestDaemon() {

@@ -42,7 +42,7 @@ class PrivateInstance {
 };
 
 /// A child process with nothing to read, whose standard output is read here. It ends with this process,
-/// and is killed and reaped at destruction. In a process with one thread.
+/// and is killed, with what it started, and reaped at destruction. In a process with one thread.
 class ChildProgram {
  public:
   /// How it ended: an exit status, or the signal that ended it.
@@ -63,6 +63,7 @@ class ChildProgram {
   void read(std::string& output);
   /// How it ended, once it has.
   std::optional<Ending> ending();
+  /// To it and what it started.
   void signal(int number) const;
 
  private:

@@ -17,7 +17,7 @@ namespace kelctl {
 
 namespace {
 
-constexpr int kStopping[] = {SIGINT, SIGTERM};
+constexpr int kStopping[] = {SIGINT, SIGTERM, SIGHUP};
 
 // What the handler writes to.
 std::atomic<int> stopPipe{-1};

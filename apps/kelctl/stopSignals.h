@@ -1,4 +1,4 @@
-// SIGINT and SIGTERM as something to poll for, so that a sub-command that runs on ends in its own way.
+// SIGINT, SIGTERM and SIGHUP as something to poll for, so that a sub-command that runs on ends in its own way.
 #pragma once
 
 #include <chrono>
@@ -8,7 +8,7 @@
 
 namespace kelctl {
 
-/// While one lives, the first SIGINT or SIGTERM only makes fd() readable; a further one ends the
+/// While one lives, the first of them only makes fd() readable; a further one ends the
 /// process as ever. One at a time, in a process with one thread.
 class StopSignals {
  public:

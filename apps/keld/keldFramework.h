@@ -8,8 +8,10 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "keldAgent.h"
+#include "keldAside.h"
 #include "keldPost.h"
 #include "keldTimer.h"
 #include "platform/clock.h"
@@ -27,7 +29,16 @@ struct Services {
   Clock& clock;
   Post& post;
   Timers& timers;
+  Aside* aside = nullptr;  ///< none: such work is done at once
 
+  /// Has work done that would hold up the caller's thread, unless more of it comes before.
+  void doAside(std::function<void()> work) const {
+    if (aside != nullptr) {
+      aside->doLatest(std::move(work));
+    } else {
+      work();
+    }
+  }
   /// Seconds of the host's clock since the epoch, for hold-offs.
   [[nodiscard]] std::int64_t nowSeconds() const { return clock.wallSeconds().time_since_epoch().count(); }
 };

@@ -103,7 +103,8 @@ class DstorErrorHoldoff {
 };
 
 /// Lets each key pass once in a while: again only when more than the period has gone by since it last
-/// did. Keys are never forgotten.
+/// did. Keys are forgotten only where there are more than a host can have: first those whose period is
+/// over, then all.
 template <typename Key>
 class RateTable {
  public:
@@ -114,10 +115,22 @@ class RateTable {
     std::int64_t& last = lastPassed_[key];
     if (now - last <= periodSeconds_) return false;
     last = now;
+    if (lastPassed_.size() > kMostKeys) {
+      forget(now);
+      lastPassed_[key] = now;
+    }
     return true;
   }
 
  private:
+  static constexpr std::size_t kMostKeys = 65536;
+
+  /// Leaves room for so many more that the work for it counts for nothing.
+  void forget(std::int64_t now) {
+    std::erase_if(lastPassed_, [&](const auto& entry) { return now - entry.second > periodSeconds_; });
+    if (lastPassed_.size() > kMostKeys / 2) lastPassed_.clear();
+  }
+
   std::int64_t periodSeconds_;
   std::map<Key, std::int64_t> lastPassed_;
 };

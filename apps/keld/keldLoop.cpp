@@ -127,7 +127,8 @@ Daemon::Daemon(AgentStarter start, bool withTestAgents)
       trace_(systemClock()),
       delivery_(runPath("hagd-vprob.sock"), timers_),
       vprob_(systemClock(), trace_, delivery_),
-      services_{systemClock(), vprob_, timers_},
+      aside_(systemClock()),
+      services_{systemClock(), vprob_, timers_, &aside_},
       streams_(trace_),
       agents_(streams_, services_) {
   std::uint32_t number = 0;
@@ -178,6 +179,7 @@ int Daemon::openContexts() {
 
 int Daemon::loop() {
   unsigned passes = 0;
+  std::chrono::seconds lookedForSignals{};
   while (true) {
     if (stopRequested.load()) {
       Log("Exiting due to signal.\n");
@@ -187,8 +189,12 @@ int Daemon::loop() {
       if (errno == EINTR) continue;
       return -1;
     }
-    // A loop that always finds input would never take a signal in.
-    if (++passes % kPassesBetweenSignals == 0) deliverPendingSignals(waitMask_);
+    // A loop that always finds input would never take a signal in. Passes may be slow.
+    const std::chrono::seconds now = systemClock().monotonic();
+    if (++passes % kPassesBetweenSignals == 0 || now != lookedForSignals) {
+      lookedForSignals = now;
+      deliverPendingSignals(waitMask_);
+    }
     if (const int status = walk(); status != 0) return status;
   }
 }
@@ -275,6 +281,7 @@ int Daemon::readContext(int fd) {
 void Daemon::shutDown(int status) {
   poll_.releaseConnections();
   agents_.stopAll();
+  aside_.finish();
   for (const Context& context : contexts_) {
     if (context.handle == nullptr) continue;
     if (const int error = KelLib_Close(context.handle); error != 0) {

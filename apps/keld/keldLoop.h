@@ -80,6 +80,7 @@ class Daemon {
   TraceServer trace_;
   Delivery delivery_;
   VProb vprob_;
+  AsideThread aside_;
   Services services_;
   StreamList streams_;
   AgentRegistry agents_;

@@ -311,6 +311,7 @@ int TestCorrelator::readStrings(const Kel* observation, const char* id, unsigned
 namespace {
 
 constexpr const char* kGroups[] = {"tests"};
+constexpr int kLargestStatus = 255;
 
 constexpr Judged kMarkers[] = {{"kel.tests.marker.start", "", {}},
                                {"kel.tests.marker.corruptions.start", "", {}},
@@ -338,9 +339,10 @@ constexpr auto kTestsKnown = [] {
 void runTests(AgentContext& context) {
   // Leaves at once and without destructors, which other threads could still need.
   const SelfTestOutcome outcome{[](const std::string& text) { std::fputs(text.c_str(), stdout); },
-                                [](int status) {
+                                [](int failures) {
                                   std::fflush(stdout);
-                                  _exit(status);
+                                  // More than a status can say are not none.
+                                  _exit(std::min(failures, kLargestStatus));
                                 }};
   // Never destroyed: its alarm may still run once this thread has ended.
   static auto& correlator = *new TestCorrelator(context.services, outcome);

@@ -3,6 +3,7 @@
 // and a request to restart or switch off the host is kept with its reason.
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 
@@ -114,6 +115,17 @@ std::string shown(Text text) {
   return text != nullptr ? text : "(null)";
 }
 
+/// What a text is remembered by. Tables keep their entries, so a long text is cut, and told apart by its
+/// length and a digest of it.
+std::string keyOf(Text text) {
+  constexpr std::size_t kKeptBytes = 256;
+  std::string key = shown(text);
+  if (key.size() <= kKeptBytes) return key;
+  const std::string mark = ' ' + std::to_string(key.size()) + ' ' + std::to_string(std::hash<std::string>()(key));
+  key.resize(kKeptBytes);
+  return key + mark;
+}
+
 /// Argument 0 behind its first colon, which parts the requester from the reason; nullptr without one.
 Text readReason(const Kel* observation) {
   Text given = nullptr;
@@ -148,13 +160,13 @@ class UserCorrelator final : public Correlator {
   void leaseWithoutExpiry(const Kel* observation) {
     Text server = nullptr;
     if (Kel_GetArgs(observation, 0, "%p", &server) != 0) return;
-    if (servers_.passes(shown(server), services_.nowSeconds())) kNoExpiry.post(services_.post, server);
+    if (servers_.passes(keyOf(server), services_.nowSeconds())) kNoExpiry.post(services_.post, server);
   }
 
   void logDirectoryInvalid(const Kel* observation) {
     Text configured = nullptr, fallback = nullptr;
     if (Kel_GetArgs(observation, 0, "%p %p", &configured, &fallback) != 0) return;
-    if (logDirectories_.passes({shown(configured), shown(fallback)}, services_.nowSeconds())) {
+    if (logDirectories_.passes({keyOf(configured), keyOf(fallback)}, services_.nowSeconds())) {
       kLogDirectoryInvalid.post(services_.post, configured, fallback);
     }
   }
@@ -173,7 +185,7 @@ class UserCorrelator final : public Correlator {
 
   void requested(const ConsoleRequest& request) const {
     request.event.post(services_.post);
-    recordRebootReason({request.type, kUnknownUser, kConsole, kUnknownReason}, services_.clock.wallSeconds());
+    keep({request.type, kUnknownUser, kConsole, kUnknownReason});
   }
 
   void requested(const Request& request, const Kel* observation) const {
@@ -181,7 +193,7 @@ class UserCorrelator final : public Correlator {
     const Text reason = readReason(observation);
     if (reason == nullptr || Kel_GetStringArg(observation, 1, &user) != 0) return;
     request.event.post(services_.post, reason, user);
-    recordRebootReason({request.type, shown(user), request.subsystem, reason}, services_.clock.wallSeconds());
+    keep({request.type, shown(user), request.subsystem, reason});
   }
 
   void requested(const SubsystemRequest& request, const Kel* observation) const {
@@ -192,7 +204,13 @@ class UserCorrelator final : public Correlator {
       return;
     }
     request.event.post(services_.post, reason, user, subsystem);
-    recordRebootReason({request.type, shown(user), shown(subsystem), reason}, services_.clock.wallSeconds());
+    keep({request.type, shown(user), shown(subsystem), reason});
+  }
+
+  /// The store waits for the disk, and for other processes.
+  void keep(RebootReason reason) const {
+    const WallSeconds now = services_.clock.wallSeconds();
+    services_.doAside([reason = std::move(reason), now] { recordRebootReason(reason, now); });
   }
 
   static constexpr std::int64_t kLeaseSeconds = 1200;

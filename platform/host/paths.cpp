@@ -22,7 +22,8 @@ namespace {
 
 constexpr mode_t kPrivateDirectory = 0700;
 constexpr mode_t kPrivateSocket = 0600;
-constexpr mode_t kSharedDirectory = 0770;
+/// Members make sockets of their own in it, but replace nobody else's.
+constexpr mode_t kSharedDirectory = 01770;
 constexpr mode_t kSharedSocket = 0660;
 
 /// Longest group entry that is looked at; getgrnam_r(3) asks for a larger buffer by ERANGE.

@@ -41,7 +41,7 @@ class PlatformConf {
 };
 
 /// Gives a socket or directory of the run directory to the group that `access.group` of
-/// platform.conf names (mode 0660 or 0770), or leaves it owner-only. Returns 0 or an errno value.
+/// platform.conf names (mode 0660 or 1770), or leaves it owner-only. Returns 0 or an errno value.
 int applyAccess(const std::string& path, bool directory);
 /// The same where failing is no reason to stop: the owner is left alone with it, and the log says so.
 void shareWithGroup(const std::string& path, bool directory);

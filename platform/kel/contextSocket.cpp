@@ -1,6 +1,7 @@
 #include "kel/contextSocket.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 
@@ -19,12 +20,11 @@ constexpr int kListenBacklog = 16;
 int makeContextDirectory() {
   const std::string runs = runDirectory();
   const std::string directory = contextDirectory(runs);
-  struct stat facts {};
-  const bool runsIsNew = ::stat(runs.c_str(), &facts) != 0;
   if (const int status = makePrivateDirectory(directory); status != 0) return status;
-  // Members of the group must be able to walk to the sockets. A run directory that somebody else
-  // made keeps the access that they gave it.
-  if (runsIsNew) shareWithGroup(runs, true);
+  // Members of the group must be able to walk to the sockets. A run directory of another user keeps
+  // the access that they gave it.
+  struct stat facts {};
+  if (::stat(runs.c_str(), &facts) == 0 && facts.st_uid == ::geteuid()) shareWithGroup(runs, true);
   shareWithGroup(directory, true);
   return 0;
 }

@@ -85,29 +85,13 @@ std::vector<Malformed> malformedBatches() {
   };
 }
 
-class Batches : public EndToEnd {
+class Batches : public Serving {
  protected:
-  void SetUp() override {
-    EndToEnd::SetUp();
-    if (IsSkipped()) return;
-    daemon_ = std::make_unique<Daemon>(workspace());
-    daemon_->startAndServe();
-  }
-  void TearDown() override {
-    if (daemon_ != nullptr && !daemon_->hasEnded()) {
-      EXPECT_TRUE(daemon_->terminate().with(0));
-    }
-    EndToEnd::TearDown();
-  }
-  Daemon& daemon() { return *daemon_; }
   /// Sends the batch with the marker behind it, and returns what was traced of the batch.
   std::vector<TraceLine> traced(const Emitter& emitter, const Batch& batch) {
     emitter.send(batch);
     return settle(daemon(), emitter);
   }
-
- private:
-  std::unique_ptr<Daemon> daemon_;
 };
 
 TEST_F(Batches, MalformedOnesAreDroppedWholeAndTheDaemonServesOn) {

@@ -6,27 +6,18 @@
 #include <atomic>
 #include <charconv>
 #include <csignal>
-#include <cstdlib>
 #include <functional>
 #include <map>
 #include <mutex>
-#include <sstream>
 #include <thread>
 
 #include "endToEnd.h"
+#include "stormSize.h"
 
 namespace e2e {
 namespace {
 
 using support::u;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
 
 constexpr unsigned kClients = 8;
 constexpr unsigned kPerBatch = 32;
@@ -37,19 +28,9 @@ constexpr unsigned kWindow = 4096;
 /// on its way to the trace client.
 constexpr std::size_t kMemoryBoundKiB = 16'384;
 
-/// As many observations as KELD_STORM says; where it says nothing, what takes some seconds.
-unsigned stormSize() {
-  const char* const wanted = std::getenv("KELD_STORM");
-  return wanted != nullptr ? static_cast<unsigned>(std::stoul(wanted)) : kSanitized ? 40'000 : 200'000;
-}
-
-/// A line of /proc/PID/status, KiB.
-std::size_t memoryKiB(pid_t pid, const std::string& name) {
-  std::istringstream status(fileContent("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with(name + ":")) return std::stoul(line.substr(name.size() + 1));
-  }
-  return 0;
+/// What takes some seconds.
+unsigned observations() {
+  return static_cast<unsigned>(stormSize(kSanitized ? 40'000 : 200'000));
 }
 
 /// Nobody translates these, so they are read, traced and then forgotten.
@@ -66,22 +47,18 @@ struct Track {
 /// Packets of a process that is killed while it sends them: more than its socket takes at once.
 constexpr unsigned kPackets = 20, kRecordsInPacket = 400;
 
-class ClientStorm : public EndToEnd {
+class ClientStorm : public Serving {
  protected:
   void SetUp() override {
-    EndToEnd::SetUp();
+    Serving::SetUp();
     if (IsSkipped()) return;
-    daemon_ = std::make_unique<Daemon>(workspace());
-    daemon_->startAndServe();
-    ASSERT_TRUE(daemon_->comesToRest());
-    idleKiB_ = memoryKiB(daemon_->pid(), "VmRSS");
+    ASSERT_TRUE(daemon().comesToRest());
+    idleKiB_ = daemon().memoryKiB("VmRSS");
   }
   void TearDown() override {
     stop();
-    EndToEnd::TearDown();
+    Serving::TearDown();
   }
-
-  Daemon& daemon() { return *daemon_; }
 
   /// Starts something that goes on until it is through or stopped().
   void start(std::function<void()> work) {
@@ -288,8 +265,8 @@ class ClientStorm : public EndToEnd {
   /// The daemon has come to rest, has never held more than is allowed, and ends in order.
   void expectBoundedAndWell(std::size_t owedBytes = 0) {
     stop();
-    ASSERT_TRUE(daemon_->comesToRest());
-    const std::size_t peak = memoryKiB(daemon_->pid(), "VmHWM"), rest = memoryKiB(daemon_->pid(), "VmRSS");
+    ASSERT_TRUE(daemon().comesToRest());
+    const std::size_t peak = daemon().memoryKiB("VmHWM"), rest = daemon().memoryKiB("VmRSS");
     std::cout << tracedLines_ << " observations traced; resident " << idleKiB_ << " KiB when idle, " << peak
               << " KiB at most, " << rest << " KiB after all; " << turnedAway() << " knocks turned away; " << killed_
               << " processes killed, " << packetsTraced() << " packets of theirs; " << garbageTraced()
@@ -300,9 +277,9 @@ class ClientStorm : public EndToEnd {
       constexpr std::size_t kCopies = 3;
       EXPECT_LE(peak, idleKiB_ + kMemoryBoundKiB + owedBytes / 1024 * kCopies);
     }
-    const Ending ending = daemon_->terminate();
-    EXPECT_TRUE(ending.with(0)) << ending.text() << daemon_->standardError();
-    EXPECT_EQ(daemon_->standardError(), "");
+    const Ending ending = daemon().terminate();
+    EXPECT_TRUE(ending.with(0)) << ending.text() << daemon().standardError();
+    EXPECT_EQ(daemon().standardError(), "");
   }
 
  private:
@@ -311,7 +288,7 @@ class ClientStorm : public EndToEnd {
   /// True where the line is the last one of a client's.
   bool readLine(unsigned share) {
     static const std::string kIds = "," + idOf("");
-    const std::string line = daemon_->trace().nextRaw();
+    const std::string line = daemon().trace().nextRaw();
     ++tracedLines_;
     tracedBytes_ += line.size() + 1;
     const std::size_t at = line.find(kIds);
@@ -368,7 +345,6 @@ class ClientStorm : public EndToEnd {
     return clients_.at(static_cast<std::size_t>(name.back() - '0'));
   }
 
-  std::unique_ptr<Daemon> daemon_;
   std::size_t idleKiB_ = 0;
   std::array<Track, kClients> clients_;
   Track garbage_, idler_;
@@ -383,7 +359,7 @@ class ClientStorm : public EndToEnd {
 };
 
 TEST_F(ClientStorm, EightClientsFillTheHouseAndNobodyElseDisturbsThem) {
-  const unsigned share = stormSize() / kClients;
+  const unsigned share = observations() / kClients;
   for (unsigned n = 0; n < kClients; ++n) startClient(n, share);
   start([this] {
     waitUntil([this] { return inside() == kClients; });
@@ -399,7 +375,7 @@ TEST_F(ClientStorm, EightClientsFillTheHouseAndNobodyElseDisturbsThem) {
 
 TEST_F(ClientStorm, EightClientsShareTheHouseWithOthersThatMisbehave) {
   constexpr unsigned kRounds = 5;
-  const unsigned share = stormSize() / kClients;
+  const unsigned share = observations() / kClients;
   startOthers();
   start([this, share] {
     waitUntil([this] { return idlerIsInside() && garbageTraced() > 0 && packetsTraced() > 0; });
@@ -415,7 +391,7 @@ TEST_F(ClientStorm, EightClientsShareTheHouseWithOthersThatMisbehave) {
 
 TEST_F(ClientStorm, ATraceClientThatNeverReadsCostsNoMoreThanItIsOwed) {
   const TraceClient deaf(workspace().traceSocket());
-  const unsigned share = stormSize() / kClients / 4;
+  const unsigned share = observations() / kClients / 4;
   for (unsigned n = 0; n < kClients; ++n) startClient(n, share);
   readUntilAllCame(share);
   expectBoundedAndWell(tracedBytes());

@@ -61,7 +61,11 @@ TEST_F(Store, HoldsAWholeReasonAfterEachKillOfTheDaemonThatRecordsThem) {
     // Of the first reason the event has been posted, and the record may be under way.
     daemon.trace().waitFor("OUT", "orn.audit.subsystem.host.reboot.reason");
     // Only the first daemon has to get a whole record done.
-    if (kill == 0) daemon.trace().waitFor("OUT", "orn.audit.subsystem.host.poweroff.reason");
+    if (kill == 0) {
+      ASSERT_TRUE(eventually([&] {
+        return run(workspace(), KELCTL_PROGRAM, {"store", "get", "reboot_reason"}).ending.with(0);
+      }));
+    }
     ::poll(nullptr, 0, lives(random));
     daemon.signal(SIGKILL);
     EXPECT_FALSE(daemon.waitForEnd().exited);
@@ -72,6 +76,30 @@ TEST_F(Store, HoldsAWholeReasonAfterEachKillOfTheDaemonThatRecordsThem) {
     last = number;
   }
   std::cout << "last record " << last << '\n';
+}
+
+TEST_F(Store, ReasonsByTheThousandHoldUpNeitherOtherCorrelatorsNorTheEndAndTheLastIsKept) {
+  constexpr int kMany = 3000, kPerBatch = 300;
+  const EventReceiver agent(workspace().eventSocket());
+  Daemon daemon(workspace());
+  daemon.startAndServe();
+  const Emitter emitter = Emitter::toContext(workspace());
+  for (int n = 0; n < kMany; n += kPerBatch) {
+    Batch batch;
+    for (int k = n; k < n + kPerBatch; ++k) {
+      batch = joined(std::move(batch), record("kel.user.orncli.host.reboot.reason",
+                                              {support::s("orncli:reason " + std::to_string(k)), support::s("root")}));
+    }
+    emitter.send(batch);
+  }
+  // So many events are more than the limit of a minute, so the other one is looked for in the log.
+  emitter.send("kel.net.firewall.disabled");
+  log().waitFor(observationLine("netCorrelator", kStampUs, "kel.net.firewall.disabled", "kel.net.firewall.disabled"));
+  const std::string id = "kel.user.orncli.host.reboot.reason";
+  log().waitFor(observationLine("UserLevelCorrelator", kStampUs, id, id), kMany);
+  ASSERT_TRUE(daemon.terminate().with(0));
+  const Outcome shown = run(workspace(), KELCTL_PROGRAM, {"store", "get", "reboot_reason", "reason"});
+  EXPECT_EQ(shown.output, "reason " + std::to_string(kMany - 1) + "\n") << shown.error;
 }
 
 }  // namespace

@@ -1,27 +1,18 @@
 // Observations of every kind by the hundred thousand: nothing stops, and nothing grows but what must.
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <filesystem>
-#include <sstream>
 
 #include "daemon.h"
 #include "emitter.h"
 #include "eventReceiver.h"
 #include "keldCorrelator.h"
+#include "stormSize.h"
 
 namespace e2e {
 namespace {
 
 using support::i, support::l, support::L, support::null, support::s, support::u;
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kSanitized = true;
-#elif defined(__has_feature)
-constexpr bool kSanitized = __has_feature(address_sanitizer) || __has_feature(thread_sanitizer);
-#else
-constexpr bool kSanitized = false;
-#endif
 
 constexpr const char* kModel = R"({
   "options": {"PageRetire/ApeiLoggingEnabled": 1, "Cpu/CPUOfflineThreshold": 3},
@@ -31,12 +22,6 @@ constexpr const char* kModel = R"({
   "cpu": {"vendor": "GenuineIntel", "cores": 4, "pcpus": 8, "offlineEnabled": true},
   "pageRetire": {"status": {"0x1234": 0, "0x1235": 1}},
   "datastorePaths": {"/cvfs/swap": "one: swap"}})";
-
-/// As many observations as KELD_STORM says; where it says nothing, what takes half a minute at most.
-std::size_t stormSize() {
-  const char* const wanted = std::getenv("KELD_STORM");
-  return wanted != nullptr ? std::stoul(wanted) : kSanitized ? 20'000 : 100'000;
-}
 
 /// How many in a turn of kinds() inject a machine check.
 constexpr std::size_t kInjectionKinds = 2;
@@ -117,15 +102,6 @@ std::vector<Batch> kinds() {
   return records;
 }
 
-/// Its resident memory in KiB.
-std::size_t residentKiB(pid_t pid) {
-  std::istringstream status(fileContent("/proc/" + std::to_string(pid) + "/status"));
-  for (std::string line; std::getline(status, line);) {
-    if (line.starts_with("VmRSS:")) return std::stoul(line.substr(6));
-  }
-  return 0;
-}
-
 std::size_t threads(pid_t pid) {
   std::size_t count = 0;
   for ([[maybe_unused]] const auto& task :
@@ -160,7 +136,8 @@ class Storm : public testing::Test {
 };
 
 TEST_F(Storm, EveryCorrelatorOutlivesItAndMemoryStaysFlat) {
-  const std::size_t size = stormSize();
+  // What takes half a minute at most.
+  const std::size_t size = stormSize(kSanitized ? 20'000 : 100'000);
   EventReceiver agent(workspace_.eventSocket());
   Daemon daemon(workspace_);
   daemon.startAndServe();
@@ -171,10 +148,10 @@ TEST_F(Storm, EveryCorrelatorOutlivesItAndMemoryStaysFlat) {
 
   send(emitter, size / 2);
   ASSERT_TRUE(daemon.comesToRest(Deadline(std::chrono::minutes(10))));
-  const std::size_t half = residentKiB(daemon.pid());
+  const std::size_t half = daemon.memoryKiB("VmRSS");
   send(emitter, size - size / 2);
   ASSERT_TRUE(daemon.comesToRest(Deadline(std::chrono::minutes(10))));
-  const std::size_t whole = residentKiB(daemon.pid());
+  const std::size_t whole = daemon.memoryKiB("VmRSS");
   std::cout << size << " observations; resident " << half << " KiB after half of them, " << whole << " KiB after all\n";
   RecordProperty("residentKiB", static_cast<int>(whole));
 

@@ -11,16 +11,13 @@ using support::d, support::i, support::l, support::L, support::null, support::s,
 
 constexpr std::size_t kHistoryBytes = 131'072;
 
-class Trace : public EndToEnd {
+class Trace : public Serving {
  protected:
   void SetUp() override {
-    EndToEnd::SetUp();
+    Serving::SetUp();
     if (IsSkipped()) return;
-    daemon_ = std::make_unique<Daemon>(workspace());
-    daemon_->startAndServe();
     emitter_ = std::make_unique<Emitter>(Emitter::toContext(workspace()));
   }
-  Daemon& daemon() { return *daemon_; }
   const Emitter& emitter() { return *emitter_; }
 
   /// The line of one observation without its first field, the rendering time.
@@ -35,7 +32,6 @@ class Trace : public EndToEnd {
   }
 
  private:
-  std::unique_ptr<Daemon> daemon_;
   std::unique_ptr<Emitter> emitter_;
 };
 

@@ -6,26 +6,17 @@ namespace {
 
 constexpr std::size_t kConnections = 8;
 
-class UserConnections : public EndToEnd {
+class UserConnections : public Serving {
  protected:
   void SetUp() override {
-    EndToEnd::SetUp();
+    Serving::SetUp();
     if (IsSkipped()) return;
-    daemon_ = std::make_unique<Daemon>(workspace());
-    daemon_->startAndServe();
     // The first line that it logs opens the log.
     Emitter::toContext(workspace()).send("kel.net.firewall.enabled");
     log().waitFor(observationLine("netCorrelator", kStampUs, "kel.net.firewall.enabled", "kel.net.firewall.enabled"));
-    daemon_->trace().waitFor("IN", "kel.net.firewall.enabled");
-    idleDescriptors_ = daemon_->openDescriptors();
+    daemon().trace().waitFor("IN", "kel.net.firewall.enabled");
+    idleDescriptors_ = daemon().openDescriptors();
   }
-  void TearDown() override {
-    if (daemon_ != nullptr && !daemon_->hasEnded()) {
-      EXPECT_TRUE(daemon_->terminate().with(0));
-    }
-    EndToEnd::TearDown();
-  }
-  Daemon& daemon() { return *daemon_; }
 
   std::vector<Emitter> connect(std::size_t count) {
     std::vector<Emitter> emitters;
@@ -37,14 +28,13 @@ class UserConnections : public EndToEnd {
   }
   /// The daemon has noticed every hang-up when it holds this many connections.
   [[nodiscard]] bool holds(std::size_t connections) const {
-    return eventually([&] { return daemon_->openDescriptors() == idleDescriptors_ + connections; });
+    return eventually([&] { return daemon().openDescriptors() == idleDescriptors_ + connections; });
   }
   void expectAllServed(const std::vector<Emitter>& emitters) {
     for (const Emitter& emitter : emitters) settle(daemon(), emitter);
   }
 
  private:
-  std::unique_ptr<Daemon> daemon_;
   std::size_t idleDescriptors_ = 0;
 };
 

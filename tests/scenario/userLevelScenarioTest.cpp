@@ -81,6 +81,15 @@ TEST_F(UserLevelScenario, aDhcpServerIsReportedAgainAfter1201Seconds) {
   EXPECT_EQ(diagnostics(scenario), Lines{});
 }
 
+TEST_F(UserLevelScenario, serversWithLongNamesAreToldApartByTheirEnds) {
+  const std::string stem(60'000, 'a');
+  EXPECT_EQ(lease(stem + "1"), leaseWithoutExpiry(stem + "1"));
+  EXPECT_EQ(lease(stem + "2"), leaseWithoutExpiry(stem + "2"));
+  EXPECT_EQ(lease(stem), leaseWithoutExpiry(stem));
+  EXPECT_EQ(lease(stem + "1"), Events{});
+  EXPECT_EQ(lease(stem + "2"), Events{});
+}
+
 TEST_F(UserLevelScenario, oneDhcpServerDoesNotHoldBackAnother) {
   EXPECT_EQ(lease("10.0.1.1"), leaseWithoutExpiry("10.0.1.1"));
   EXPECT_EQ(lease("10.0.1.2"), leaseWithoutExpiry("10.0.1.2"));

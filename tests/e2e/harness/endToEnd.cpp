@@ -24,6 +24,20 @@ void EndToEnd::TearDown() {
   }
 }
 
+void Serving::SetUp() {
+  EndToEnd::SetUp();
+  if (IsSkipped()) return;
+  daemon_ = std::make_unique<Daemon>(workspace());
+  daemon_->startAndServe();
+}
+
+void Serving::TearDown() {
+  if (daemon_ != nullptr && !daemon_->hasEnded()) {
+    EXPECT_TRUE(daemon_->terminate().with(0));
+  }
+  EndToEnd::TearDown();
+}
+
 std::vector<TraceLine> EndToEnd::settle(Daemon& daemon, const Emitter& emitter) {
   const std::string id = "kel.user.marker" + std::to_string(++markers_);
   emitter.send(id);

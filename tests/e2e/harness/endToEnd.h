@@ -36,6 +36,18 @@ class EndToEnd : public testing::Test {
   unsigned markers_ = 0;
 };
 
+/// The same with a daemon that serves; it ends in order, at the end of the test where not before.
+class Serving : public EndToEnd {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  [[nodiscard]] Daemon& daemon() const { return *daemon_; }
+
+ private:
+  std::unique_ptr<Daemon> daemon_;
+};
+
 /// The line of an observation or event in the system log.
 std::string observationLine(const std::string& thread, std::uint64_t stampUs, const std::string& id,
                             const std::string& message);

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
+#include <sstream>
 
 namespace e2e {
 namespace {
@@ -128,6 +129,14 @@ std::chrono::nanoseconds Program::processorTime() const {
 std::size_t Program::openDescriptors() const {
   const std::filesystem::directory_iterator descriptors("/proc/" + std::to_string(pid_) + "/fd");
   return static_cast<std::size_t>(std::distance(begin(descriptors), end(descriptors)));
+}
+
+std::size_t Program::memoryKiB(const std::string& name) const {
+  std::istringstream status(fileContent("/proc/" + std::to_string(pid_) + "/status"));
+  for (std::string line; std::getline(status, line);) {
+    if (line.starts_with(name + ":")) return std::stoul(line.substr(name.size() + 1));
+  }
+  return 0;
 }
 
 bool Program::comesToRest(Deadline deadline) {

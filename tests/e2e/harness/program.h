@@ -49,6 +49,8 @@ class Program {
   /// Of all its threads since it started.
   [[nodiscard]] std::chrono::nanoseconds processorTime() const;
   [[nodiscard]] std::size_t openDescriptors() const;
+  /// A size that the kernel tells of it, such as "VmRSS", in KiB; proc(5).
+  [[nodiscard]] std::size_t memoryKiB(const std::string& name) const;
   /// True once the program has used next to no processor time for a while; a loop that spins never
   /// gets there.
   bool comesToRest(Deadline deadline = Deadline{});

@@ -147,6 +147,23 @@ TEST(RateTable, passesAgainOnceMoreThanThePeriodIsOver) {
   EXPECT_FALSE(table.passes("a", kNow + 181));
 }
 
+TEST(RateTable, moreKeysThanAHostCanHaveAreForgottenAndNotKept) {
+  RateTable<int> table(90);
+  for (int key = 0; key < 65536; ++key) ASSERT_TRUE(table.passes(key, kNow));
+  EXPECT_FALSE(table.passes(0, kNow));
+  EXPECT_TRUE(table.passes(65536, kNow));  // one too many
+  EXPECT_FALSE(table.passes(65536, kNow));
+  EXPECT_TRUE(table.passes(0, kNow));
+}
+
+TEST(RateTable, keysWhosePeriodIsOverMakeRoomForOthers) {
+  RateTable<int> table(90);
+  for (int key = 0; key < 40'000; ++key) ASSERT_TRUE(table.passes(key, kNow));
+  for (int key = 40'000; key < 65'537; ++key) ASSERT_TRUE(table.passes(key, kNow + 91));
+  EXPECT_FALSE(table.passes(40'000, kNow + 91));  // not among those that made room
+  EXPECT_TRUE(table.passes(0, kNow + 91));
+}
+
 TEST(RateTable, aNewKeyIsHeldBackInTheClocksVeryFirstPeriod) {
   RateTable<std::string> table(90);
   EXPECT_FALSE(table.passes("a", 90));

@@ -83,7 +83,7 @@ TEST_F(Paths, AGroupOfPlatformConfGetsAccess) {
   EXPECT_EQ(applyAccess(file, false), 0);
   EXPECT_EQ(modeOf(file), 0660U);
   EXPECT_EQ(applyAccess(model_.runDirectory(), true), 0);
-  EXPECT_EQ(modeOf(model_.runDirectory()), 0770U);
+  EXPECT_EQ(modeOf(model_.runDirectory()), 01770U);
 }
 
 TEST_F(Paths, AnUnknownGroupLeavesASocketToItsOwner) {
