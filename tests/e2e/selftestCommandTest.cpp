@@ -264,6 +264,17 @@ TEST_F(SelftestCommand, ASignalEndsItAndItsDaemon) {
   expectNothingLeft();
 }
 
+TEST_F(SelftestCommand, WhatItsDaemonLeavesBehindEndsWithIt) {
+  const std::string note = workspace().root() + "/left";
+  const Outcome outcome =
+      selftest({"--timeout", "0.5", "--daemon", script("sleep 1000 &\necho $! >" + note + "\nexit 0")});
+  EXPECT_TRUE(outcome.ending.with(1)) << outcome.ending.text();
+  const std::string left = fileContent(note);
+  ASSERT_NE(left, "");
+  // Dead, though perhaps not reaped by whoever inherits it here.
+  EXPECT_TRUE(eventually([&] { return fileContent("/proc/" + left.substr(0, left.find('\n')) + "/cmdline").empty(); }));
+}
+
 TEST_F(SelftestCommand, ItsDaemonDoesNotOutliveIt) {
   const auto program = prepare({"--daemon", script("exec sleep 1000")});
   program->start();
