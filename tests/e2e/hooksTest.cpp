@@ -1,6 +1,7 @@
 // The ready-made hooks as their callers run them, against a daemon that runs.
 #include <sys/stat.h>
 
+#include <chrono>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -22,7 +23,7 @@ class Hooks : public Story {
     bin_ = workspace().root() + "/bin";
     std::filesystem::create_directory(bin_);
     // A busy machine gets more time than the hooks' two seconds.
-    program("timeout", "[ \"$1\" != -k ] || shift 2\nshift\nexec /usr/bin/timeout 30 \"$@\"\n");
+    program("timeout", "case $1 in -?) shift 2 ;; esac\nshift\nexec /usr/bin/timeout 30 \"$@\"\n");
     // What a hook that trusts no environment is told to run.
     kelctl_ = program("kelctl-here", "export KORVEL_RUN_DIR='" + workspace().runDirectory() + "'\nexec '" +
                                          KELCTL_PROGRAM + "' \"$@\"\n");
@@ -58,6 +59,14 @@ class Hooks : public Story {
   void pam(const std::string& service, const std::string& type, const std::string& user, const std::string& host) {
     shell(R"("$HOOKS/pam-session" "$1")",
           {{"PAM_SERVICE", service}, {"PAM_TYPE", type}, {"PAM_USER", user}, {"PAM_RHOST", host}}, {kelctl_});
+  }
+  void stop() { shell(R"("$HOOKS/host-state" stop)"); }
+  [[nodiscard]] std::string reasonFile() const { return workspace().runDirectory() + "/stop-reason"; }
+  /// The daemon stores a reason after it has sent the event of it.
+  void forgetReason() {
+    ASSERT_TRUE(eventually([&] {
+      return run(workspace(), KELCTL_PROGRAM, {"store", "delete", "reboot_reason"}).ending.with(0);
+    }));
   }
   void dhcp(const Environment& variables) { shell(R"("$HOOKS/dhcp-lease")", variables); }
   /// What systemctl(1) says at a shutdown, and loginctl(1).
@@ -212,15 +221,71 @@ TEST_F(Hooks, AUnitThatIsMerelyStoppedTellsNothing) {
   end();
 }
 
+TEST_F(Hooks, AReasonThatIsNoFileOfRootsOwnIsNotTold) {
+  begin();
+  stopping(" 62 reboot.target start waiting\n");
+  const std::string secret = file("secret", "of root alone\n");
+  const auto expectNoReason = [&] {
+    stop();
+    expectEvent(kUserLevel, "orn.audit.host.stop.reboot", "Host is rebooting.");
+    std::filesystem::remove_all(reasonFile());
+  };
+  std::filesystem::create_symlink(secret, reasonFile());
+  expectNoReason();
+  std::filesystem::create_hard_link(secret, reasonFile());
+  expectNoReason();
+  std::filesystem::create_directory(reasonFile());
+  expectNoReason();
+  ASSERT_EQ(::mkfifo(reasonFile().c_str(), 0666), 0);
+  expectNoReason();
+  if (::geteuid() == 0) {
+    constexpr uid_t kNobody = 65534;
+    replaceFile(reasonFile(), "of somebody else\n");
+    ASSERT_EQ(::chown(reasonFile().c_str(), kNobody, kNobody), 0);
+    expectNoReason();
+  }
+  end();
+}
+
+TEST_F(Hooks, WhatIsPutInTheReasonsPlaceOnceItWasCheckedIsNeitherFollowedNorWaitedFor) {
+  begin();
+  stopping(" 62 reboot.target start waiting\n");
+  const std::string secret = file("secret", "of root alone\n");
+  program("find", "echo \"$1\"\n");
+  ASSERT_EQ(::mkfifo(reasonFile().c_str(), 0666), 0);
+  stop();
+  expectEvent(kUserLevel, "orn.audit.host.stop.reboot", "Host is rebooting.");
+  std::filesystem::remove(reasonFile());
+  std::filesystem::create_symlink(secret, reasonFile());
+  stop();
+  expectEvent(kUserLevel, "orn.audit.host.stop.reboot", "Host is rebooting.");
+  end();
+}
+
+TEST_F(Hooks, AReasonThatIsStoredAlreadyIsKept) {
+  begin();
+  observe("kel.user.hagd.host.reboot.reason", {"hagd:new firmware", "alice"});
+  nextEvent("orn.audit.hagd.host.reboot.reason");
+  const auto stored = [&] { return run(workspace(), KELCTL_PROGRAM, {"store", "get", "reboot_reason", "user"}); };
+  ASSERT_TRUE(eventually([&] { return stored().ending.with(0); }));
+  stopping(" 62 reboot.target start waiting\n", "less telling");
+  replaceFile(reasonFile(), "less telling, too\n");
+  stop();
+  expectEvent(kUserLevel, "orn.audit.host.stop.reboot", "Host is rebooting.");
+  EXPECT_EQ(stored().output, "alice\n");
+  end();
+}
+
 TEST_F(Hooks, HostileReasonsArriveBoundedAndRunNothing) {
   begin();
   stopping(" 62 halt.target start waiting\n");
   for (const std::string& text : hostileTexts()) {
-    replaceFile(workspace().runDirectory() + "/stop-reason", text);
-    shell(R"("$HOOKS/host-state" stop)");
+    replaceFile(reasonFile(), text);
+    stop();
     expectText("orn.audit.subsystem.host.poweroff.reason",
                text.substr(0, std::min<std::size_t>(text.find('\n'), 1024)));
     nextEvent("orn.audit.host.stop.shutdown");
+    forgetReason();
   }
   expectNothingRan();
   end();
@@ -442,6 +507,17 @@ END
   end();
 }
 
+TEST_F(Hooks, ALogFailureThatCouldNotBeToldIsToldByTheNextMessage) {
+  begin();
+  const std::string late =
+      program("late", "[ -e tried ] || { touch tried; exit 1; }\nexec '" + std::string(KELCTL_PROGRAM) + "' \"$@\"\n");
+  shell(R"sh(for n in 1 2 3; do echo "action 'storage:a' suspended (module 'x')"; done | "$HOOKS/rsyslog-failure")sh",
+        {{"KELCTL", late}});
+  expectEvent(kUserLevel, "orn.problem.lsyslogd.storage.failure",
+              "Logging to storage has failed.  Logs are no longer being stored locally on this host.");
+  end();
+}
+
 /// The hooks in a stack of the real PAM, which sees no configuration but the workspace's.
 class PamHooks : public Hooks {
  protected:
@@ -486,30 +562,87 @@ session required pam_permit.so
   end();
 }
 
-TEST_F(PamHooks, LoginsThatFailAreToldUntilTheAccountIsLocked) {
-  file("security/faillock.conf", "# of this test\ndeny = 4\nunlock_time=90\nnodelay\n");
-  stack(R"(auth required pam_faillock.so preauth
+constexpr const char* kFaillockStack = R"(auth required pam_faillock.so preauth
 auth [success=4 default=ignore] pam_deny.so
 auth required pam_faillock.so authfail
 auth [default=ignore] pam_exec.so quiet @HOOKS@/pam-session @KELCTL@
 auth [default=ignore] pam_exec.so quiet @HOOKS@/pam-faillock @KELCTL@
 auth requisite pam_deny.so
 auth required pam_permit.so
-)");
+)";
+
+class FaillockHooks : public PamHooks {
+ protected:
+  /// Fails to log in as the user, again and again, under this faillock.conf(5).
+  void failures(const std::string& user, int count, const std::string& configuration) {
+    file("security/faillock.conf", configuration + "nodelay\n");
+    stack(kFaillockStack);
+    std::string operations;
+    for (int n = 0; n < count; ++n) operations += "authenticate ";
+    pamtester(user, operations);
+  }
+  void expectFailed(const std::string& user) {
+    expectEvent(kUserLevel, "orn.audit.ssh.session.failed", "SSH login has failed for '" + user + "@192.0.2.7'.");
+  }
+  void expectFailures(const std::string& user) {
+    expectEvent(kUserLevel, "orn.audit.account.loginfailures",
+                "Multiple remote login failures detected for ORNi local user account '" + user + "'.");
+  }
+  void expectLocked(const std::string& user, const std::string& rest) {
+    expectEvent(kUserLevel, "orn.audit.account.locked",
+                "Remote access for ORNi local user account '" + user + "' has been locked for " + rest +
+                    " failed login attempts.");
+  }
+};
+
+TEST_F(FaillockHooks, LoginsThatFailAreToldAndTheLockOnceHoweverManyFollow) {
   begin();
-  pamtester("nobody", "authenticate authenticate authenticate authenticate");
-  const auto expectFailed = [&] {
-    expectEvent(kUserLevel, "orn.audit.ssh.session.failed", "SSH login has failed for 'nobody@192.0.2.7'.");
-  };
-  expectFailed();
-  expectFailed();
-  expectEvent(kUserLevel, "orn.audit.account.loginfailures",
-              "Multiple remote login failures detected for ORNi local user account 'nobody'.");
-  expectFailed();
-  expectFailed();
-  expectEvent(kUserLevel, "orn.audit.account.locked",
-              "Remote access for ORNi local user account 'nobody' has been locked for 90 seconds after 4 failed login "
-              "attempts.");
+  failures("nobody", 6, "# of this test\ndeny = 4\nunlock_time=90\n");
+  expectFailed("nobody");
+  expectFailed("nobody");
+  expectFailures("nobody");
+  expectFailed("nobody");
+  expectFailed("nobody");
+  expectLocked("nobody", "90 seconds after 4");
+  expectFailed("nobody");
+  expectFailed("nobody");
+  end();
+}
+
+TEST_F(FaillockHooks, RootIsNotLockedUnlessThatIsSwitchedOn) {
+  begin();
+  failures("root", 4, "deny = 3\n");
+  expectFailed("root");
+  expectFailed("root");
+  expectFailures("root");
+  expectFailed("root");
+  expectFailed("root");
+  failures("root", 2, "deny 2 # of root, too\neven_deny_root\nunlock_time = never\nroot_unlock_time = 30\n");
+  expectFailed("root");
+  expectFailed("root");
+  expectLocked("root", "30 seconds after 2");
+  end();
+}
+
+TEST_F(FaillockHooks, WhereNothingIsEverLockedNoLockIsTold) {
+  begin();
+  failures("nobody", 1, "deny = 0\n");
+  expectFailed("nobody");
+  failures("no-such-user", 1, "deny = 0\n");
+  expectFailed("no-such-user");
+  end();
+}
+
+TEST_F(FaillockHooks, ALockThatCouldNotBeToldIsToldByTheNextFailure) {
+  const std::string kelctl = kelctl_;
+  kelctl_ = program("late", "case \"$*\" in *account.locked*) [ -e '" + workspace().root() + "/tried' ] || { touch '" +
+                                workspace().root() + "/tried'; exit 1; } ;; esac\nexec '" + kelctl + "' \"$@\"\n");
+  begin();
+  failures("nobody", 3, "deny = 1\n");
+  expectFailed("nobody");
+  expectFailed("nobody");
+  expectLocked("nobody", "600 seconds after 1");
+  expectFailed("nobody");
   end();
 }
 
@@ -557,6 +690,16 @@ TEST_F(Hooks, AKelctlThatNeverEndsHoldsUpNoCaller) {
          {"reason", "FAIL"},
          {"interface", "br0"}},
         {endless});
+}
+
+TEST_F(Hooks, AJournalOrALoginManagerThatNeverAnswersHoldsUpNoCaller) {
+  stopping(" 62 reboot.target start waiting\n");
+  std::filesystem::remove(bin_ + "/timeout");
+  for (const char* name : {"journalctl", "loginctl"}) program(name, "trap '' TERM\nwhile :; do sleep 1; done\n");
+  const auto started = std::chrono::steady_clock::now();
+  shell(R"("$HOOKS/coredump-stored" & "$HOOKS/time-correction" & "$HOOKS/host-state" stop & wait)",
+        {{"INVOCATION_ID", "0123abcd"}, {"KELCTL", "false"}});
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(10));
 }
 
 }  // namespace
