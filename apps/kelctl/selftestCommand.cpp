@@ -226,9 +226,12 @@ class Selftest {
 
   /// In order at first, so that it writes out what it has said.
   void endDaemon() {
-    child_.signal(SIGTERM);
-    if (serve([this] { return hasEnded(); }, steady_clock::now() + kGrace)) return;
-    child_.signal(SIGKILL);
+    if (!child_.ending()) {
+      child_.terminate();
+      if (serve([this] { return hasEnded(); }, steady_clock::now() + kGrace)) return;
+    }
+    // What it started holds on to its output.
+    child_.killAll();
     serve([this] { return hasEnded(); }, steady_clock::now() + kGrace);
   }
 

@@ -135,7 +135,7 @@ ChildProgram::ChildProgram(const std::string& path) {
 }
 
 ChildProgram::~ChildProgram() {
-  signal(SIGKILL);
+  killAll();
   while (::waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
   }
 }
@@ -168,8 +168,12 @@ std::optional<ChildProgram::Ending> ChildProgram::ending() {
   return ending_;
 }
 
-void ChildProgram::signal(int number) const {
-  ::kill(-pid_, number);
+void ChildProgram::terminate() const {
+  ::kill(pid_, SIGTERM);
+}
+
+void ChildProgram::killAll() const {
+  ::kill(-pid_, SIGKILL);
 }
 
 std::string findSelftestDaemon() {

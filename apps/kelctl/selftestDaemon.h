@@ -63,8 +63,10 @@ class ChildProgram {
   void read(std::string& output);
   /// How it ended, once it has.
   std::optional<Ending> ending();
-  /// To it and what it started.
-  void signal(int number) const;
+  /// Tells it to end.
+  void terminate() const;
+  /// Ends it and what it started.
+  void killAll() const;
 
  private:
   pid_t pid_ = -1;
