@@ -30,4 +30,16 @@ class Turn {
   bool taken_ = false;
 };
 
+/// Ends a turn that was taken, however its time is left.
+class TurnTaken {
+ public:
+  explicit TurnTaken(Turn& turn) : turn_(turn) {}
+  TurnTaken(const TurnTaken&) = delete;
+  TurnTaken& operator=(const TurnTaken&) = delete;
+  ~TurnTaken() { turn_.end(); }
+
+ private:
+  Turn& turn_;
+};
+
 }  // namespace kelUser

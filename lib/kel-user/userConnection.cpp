@@ -35,8 +35,8 @@ bool isBroken(int status) {
 int UserConnection::send(const std::vector<char>& batch, std::uint64_t observations, Time due) {
   int status = ETIMEDOUT;
   if (turn_.take(due)) {
+    const TurnTaken taken(turn_);
     status = sendInTurn(batch, observations, due);
-    turn_.end();
   }
   if (status == EAGAIN) status = ETIMEDOUT;
   (status == 0 ? sent_ : dropped_).fetch_add(observations, std::memory_order_relaxed);
@@ -131,8 +131,11 @@ UserConnection::Fate UserConnection::awaitReader(Time due) const {
 }
 
 kel_user_counters UserConnection::counts() const {
-  return {sent_.load(std::memory_order_relaxed), dropped_.load(std::memory_order_relaxed),
-          lost_.load(std::memory_order_relaxed), reconnects_.load(std::memory_order_relaxed)};
+  return {sent_.load(std::memory_order_relaxed),
+          dropped_.load(std::memory_order_relaxed),
+          lost_.load(std::memory_order_relaxed),
+          reconnects_.load(std::memory_order_relaxed),
+          {}};
 }
 
 /// A process that becomes a daemon closes every descriptor that it does not know, and opens others.

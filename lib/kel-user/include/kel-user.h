@@ -55,10 +55,11 @@ struct kel_user_observation {
 
 /* What became of the observations of a handle. Each one of a valid call is either sent or dropped. */
 struct kel_user_counters {
-  uint64_t sent;       /* handed to a connection */
-  uint64_t dropped;    /* not sent: no daemon, no place, no time, no memory */
-  uint64_t lost;       /* of those sent, at most so many were unread when their connection broke */
-  uint64_t reconnects; /* connections that the daemon was found to read from, after the first */
+  uint64_t sent;        /* handed to a connection */
+  uint64_t dropped;     /* not sent: no daemon, no place, no time, no memory */
+  uint64_t lost;        /* of those sent, at most so many were unread when their connection broke */
+  uint64_t reconnects;  /* connections that the daemon was found to read from, after the first */
+  uint64_t reserved[4]; /* zero; place for counters to come */
 };
 
 /*
