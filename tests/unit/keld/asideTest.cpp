@@ -49,8 +49,9 @@ TEST_F(AsideTest, aFailureEndsNothing) {
   EXPECT_TRUE(done);
 }
 
-TEST_F(AsideTest, finishingWithoutWorkReturnsAtOnce) {
-  aside.finish();
+TEST(AsideThreadTest, finishingWithoutWorkReturnsAtOnce) {
+  AsideThread idle(systemClock());  // has no thread yet
+  idle.finish();
 }
 
 }  // namespace
