@@ -64,7 +64,7 @@ class ClientStorm : public Serving {
   void start(std::function<void()> work) {
     const std::lock_guard lock(threadsMutex_);
     if (stopped()) return;
-    threads_.emplace_back([this, work = std::move(work)] {
+    threads_.emplace_back([work = std::move(work)] {
       try {
         work();
       } catch (const std::exception& trouble) {
