@@ -81,12 +81,12 @@ class PreparedHost {
  public:
   PreparedHost() {
     if (mkdtemp(directory_.data()) == nullptr) std::abort();
-    for (const char* const variable : {"KORVEL_RUN_DIR", "KORVEL_CONF_DIR"}) {
+    for (const char* const variable : {"KORVEL_RUN_DIR", "KORVEL_CONF_DIR", "KORVEL_STATE_DIR"}) {
       setenv(variable, directory_.c_str(), 1);
     }
     std::ofstream(directory_ + "/host.json") << kModel;
-    // Below a file, so that no audit trail grows.
-    setenv("KORVEL_STATE_DIR", (directory_ + "/host.json/state").c_str(), 1);
+    // In the place of the audit trail, which would grow with every input.
+    std::filesystem::create_directory(directory_ + "/audit.jsonl");
     host_ = std::make_unique<platform::ScopedHost>(platform::makeHost("model:" + directory_ + "/host.json"));
   }
   PreparedHost(const PreparedHost&) = delete;
