@@ -91,8 +91,8 @@ int runBootReport(const Words& words) {
   bool force = false;
   std::optional<double> seconds;
   CommandLine line("boot-report", "Reports once in a boot why the host went down before, and clears that record.");
-  line.app().add_flag("--dry-run", dryRun, "print the observation as a 'kelctl emit' line; nothing is changed");
-  line.app().add_flag("--force", force, "report even where this boot's report has been made");
+  line.addFlag("--dry-run", dryRun, "print the observation as a 'kelctl emit' line; nothing is changed");
+  line.addFlag("--force", force, "report even where this boot's report has been made");
   line.addSeconds("--timeout", seconds, "wait so long for the daemon (default: 30)");
   if (!line.parse(words)) return kDone;
   if (dryRun) {

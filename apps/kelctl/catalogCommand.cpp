@@ -11,13 +11,10 @@ int runCatalog(const Words& words) {
   bool markdown = false;
   std::vector<std::string> globs;
   CommandLine line("catalog", "Lists every observation that keld translates, its arguments, its events and texts.");
-  CLI::App& app = line.app();
-  auto* asJson = app.add_flag("--json", json, "print one JSON array");
-  app.add_flag("--markdown", markdown, "print Markdown tables, one per correlator")->excludes(asJson);
-  app.add_option("--id", globs, "list only observations that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->expected(1)
-      ->take_all();
+  line.addFlag("--json", json, "print one JSON array");
+  line.addFlag("--markdown", markdown, "print Markdown tables, one per correlator");
+  line.exclude("--markdown", "--json");
+  line.addTexts("--id", "GLOB", globs, "list only observations that match GLOB; may be repeated");
   if (!line.parse(words)) return kDone;
   const std::vector<CatalogEntry> entries = catalog(globs);
   Output out;

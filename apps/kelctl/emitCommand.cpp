@@ -196,18 +196,14 @@ bool printHelp(const Words& words) {
     return false;
   }
   CommandLine line("emit", "Sends one observation, or with --file one for each line of a file.");
-  std::string id;
+  std::optional<std::string> id;
   Words arguments;
-  line.app().add_option("ID", id, "identifier of the observation, such as kel.net.firewall.disabled");
-  line.app().add_option("ARG", arguments,
-                        "typed arguments: s:TEXT string, n: null string, i:N and u:N 32-bit integer, l:N and L:N "
-                        "64-bit integer, u: and L: unsigned, d:X floating point");
+  line.addWord("ID", id, "identifier of the observation, such as kel.net.firewall.disabled");
+  line.addWords("ARG", arguments,
+                "typed arguments: s:TEXT string, n: null string, i:N and u:N 32-bit integer, l:N and L:N "
+                "64-bit integer, u: and L: unsigned, d:X floating point");
   for (const EmitOptionHelp& option : emitOptionHelp()) {
-    if (option.value == nullptr) {
-      line.app().add_flag(option.name, option.text);
-    } else {
-      line.app().add_option(option.name, option.text)->type_name(option.value);
-    }
+    line.describe(option.name, option.value, option.text);
   }
   (void)line.parse({"--help"});
   return true;

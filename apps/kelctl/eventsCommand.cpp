@@ -94,7 +94,7 @@ int runEvents(const Words& words) {
   std::optional<std::uint64_t> count;
   std::optional<double> timeout;
   CommandLine line("events", "Stands in for the management agent: owns the event socket and prints each event.");
-  line.app().add_flag("--json", json, "print one JSON object per line");
+  line.addFlag("--json", json, "print one JSON object per line");
   line.addCount("--count", count, 1, "end after N events");
   line.addSeconds("--timeout", timeout, "end after S seconds, with exit status 1 where --count is not reached");
   if (!line.parse(words)) return kDone;

@@ -91,13 +91,11 @@ int runHost(const Words& words) {
   bool json = false;
   std::optional<std::string> action;
   CommandLine line("host", "Shows what the platform sees of this host, or of the one that KORVEL_HOST names.");
-  auto* const asJson = line.app().add_flag("--json", json, "print one JSON object");
-  line.app()
-      .add_option("--dry-run", action,
-                  "print instead what an action would do now, or why it would fail; nothing is done")
-      ->type_name("ACTION")
-      ->excludes(asJson);
-  line.app().footer("Actions: nic.down:NAME, cpu.offline:N, page.retire:PAGE, vm.kill:ID, swap.reconfigure");
+  line.addFlag("--json", json, "print one JSON object");
+  line.addText("--dry-run", "ACTION", action,
+               "print instead what an action would do now, or why it would fail; nothing is done");
+  line.exclude("--dry-run", "--json");
+  line.setFooter("Actions: nic.down:NAME, cpu.offline:N, page.retire:PAGE, vm.kill:ID, swap.reconfigure");
   if (!line.parse(words)) return kDone;
   if (action) {
     dryRun(*action);

@@ -54,18 +54,17 @@ int runOption(const Words& words) {
   std::string name;
   std::string value;
   CommandLine line("option", "Lists, reads and stores the kernel's advanced options.");
-  CLI::App& app = line.app();
-  app.require_subcommand(1);
-  auto* lists = app.add_subcommand("list", "print every option that is known, with its value and where that is from");
-  auto* gets = app.add_subcommand("get", "print the option's value");
-  gets->add_option("NAME", name, "GROUP/NAME, such as Net/LinkFlappingThreshold")->required();
-  auto* sets = app.add_subcommand("set", "store a value, which then goes before all others");
-  sets->add_option("NAME", name, "GROUP/NAME, such as Net/LinkFlappingThreshold")->required();
-  sets->add_option("VALUE", value, "an integer, decimal or 0x...")->required();
+  CommandLine& lists =
+      line.addSubcommand("list", "print every option that is known, with its value and where that is from");
+  CommandLine& gets = line.addSubcommand("get", "print the option's value");
+  gets.addWord("NAME", name, "GROUP/NAME, such as Net/LinkFlappingThreshold");
+  CommandLine& sets = line.addSubcommand("set", "store a value, which then goes before all others");
+  sets.addWord("NAME", name, "GROUP/NAME, such as Net/LinkFlappingThreshold");
+  sets.addWord("VALUE", value, "an integer, decimal or 0x...");
   if (!line.parse(words)) return kDone;
-  if (lists->parsed()) list();
-  if (gets->parsed()) get(name);
-  if (sets->parsed()) set(name, value);
+  if (lists.chosen()) list();
+  if (gets.chosen()) get(name);
+  if (sets.chosen()) set(name, value);
   return kDone;
 }
 

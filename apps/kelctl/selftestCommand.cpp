@@ -286,13 +286,12 @@ int runSelftest(const Words& words) {
   CommandLine line("selftest",
                    "Checks the way of an observation from end to end through a private daemon, then says whether the "
                    "installed one is reachable.");
-  line.app()
-      .add_option("--daemon", daemon, "the daemon with the test agents, by default the keld-selftest of this program")
-      ->type_name("PROGRAM");
+  line.addText("--daemon", "PROGRAM", daemon,
+               "the daemon with the test agents, by default the keld-selftest of this program");
   line.addSeconds("--timeout", timeout, fmt::format("give up after S seconds, by default {}", kDefaultSeconds));
-  line.app().add_flag("--verbose", verbose, "show all that the daemon says");
-  line.app().add_flag("--installation", installation, "exit with 1 also where the installation is not all reachable");
-  line.app().footer("The exit status is the daemon's, its number of failures.");
+  line.addFlag("--verbose", verbose, "show all that the daemon says");
+  line.addFlag("--installation", installation, "exit with 1 also where the installation is not all reachable");
+  line.setFooter("The exit status is the daemon's, its number of failures.");
   if (!line.parse(words)) return kDone;
 
   const StopSignals stop;

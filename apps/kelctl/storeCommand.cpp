@@ -84,20 +84,19 @@ int runStore(const Words& words) {
   std::string name;
   std::optional<std::string> key;
   CommandLine line("store", "Shows and deletes what the configuration store keeps over restarts of the host.");
-  line.app().require_subcommand(1);
   constexpr const char* kName = "the object's name, such as reboot_reason";
-  auto* lists = line.app().add_subcommand("list", "print the name of every object");
-  lists->add_flag("--json", json, "print one JSON array of the objects with their values");
-  auto* gets = line.app().add_subcommand("get", "print an object's values in the order in which they were stored");
-  gets->add_option("NAME", name, kName)->required();
-  gets->add_option("KEY", key, "print this value only");
-  gets->add_flag("--json", json, "print JSON: one object, or with KEY a string");
-  auto* deletes = line.app().add_subcommand("delete", "delete an object");
-  deletes->add_option("NAME", name, kName)->required();
+  CommandLine& lists = line.addSubcommand("list", "print the name of every object");
+  lists.addFlag("--json", json, "print one JSON array of the objects with their values");
+  CommandLine& gets = line.addSubcommand("get", "print an object's values in the order in which they were stored");
+  gets.addWord("NAME", name, kName);
+  gets.addWord("KEY", key, "print this value only");
+  gets.addFlag("--json", json, "print JSON: one object, or with KEY a string");
+  CommandLine& deletes = line.addSubcommand("delete", "delete an object");
+  deletes.addWord("NAME", name, kName);
   if (!line.parse(words)) return kDone;
-  if (lists->parsed()) list(json);
-  if (gets->parsed()) get(name, key, json);
-  if (deletes->parsed()) remove(name);
+  if (lists.chosen()) list(json);
+  if (gets.chosen()) get(name, key, json);
+  if (deletes.chosen()) remove(name);
   return kDone;
 }
 

@@ -146,16 +146,13 @@ int watch(int fd, TraceView& view, Output& out) {
 int runTrace(const Words& words) {
   TraceOptions options;
   CommandLine line("trace", "Shows the observations that keld reads (IN) and the events that it posts (OUT).");
-  CLI::App& app = line.app();
-  app.add_flag("--follow", options.follow, "show what comes from now on, until interrupted, instead of the history");
-  app.add_flag("--history", options.history, "show the history, with --follow before what comes");
-  app.add_flag("--json", options.json, "print one JSON object per line");
-  auto* in = app.add_flag("--in", options.in, "show observations only");
-  app.add_flag("--out", options.out, "show events only")->excludes(in);
-  app.add_option("--id", options.globs, "show only identifiers that match GLOB; may be repeated")
-      ->type_name("GLOB")
-      ->expected(1)
-      ->take_all();
+  line.addFlag("--follow", options.follow, "show what comes from now on, until interrupted, instead of the history");
+  line.addFlag("--history", options.history, "show the history, with --follow before what comes");
+  line.addFlag("--json", options.json, "print one JSON object per line");
+  line.addFlag("--in", options.in, "show observations only");
+  line.addFlag("--out", options.out, "show events only");
+  line.exclude("--out", "--in");
+  line.addTexts("--id", "GLOB", options.globs, "show only identifiers that match GLOB; may be repeated");
   if (!line.parse(words)) return kDone;
   Output out;
   const platform::UniqueFd fd = connectToTrace();
