@@ -22,6 +22,15 @@ if(KELD_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+# What is tested is built as it is shipped, and checked in full; the tests themselves are to build fast.
+function(keld_test_options name)
+  target_link_libraries(${name} PRIVATE keld_build GTest::gmock GTest::gtest)
+  target_compile_options(${name} PRIVATE -O0)
+  if(KELD_SANITIZE MATCHES "undefined")
+    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
+  endif()
+endfunction()
+
 # keld_test(NAME SOURCES file... [LIBRARIES target...] [LABELS label...] [TIMEOUT seconds])
 # One GoogleTest program; each of its tests is a test of its own for CTest.
 function(keld_test name)
@@ -30,12 +39,10 @@ function(keld_test name)
     set(ARG_TIMEOUT 60)
   endif()
   add_executable(${name} ${ARG_SOURCES})
-  target_link_libraries(${name} PRIVATE keld_build ${ARG_LIBRARIES} GTest::gmock GTest::gtest GTest::gtest_main)
-  # What is tested is built as it is shipped, and checked in full; the tests themselves are to build fast.
-  target_compile_options(${name} PRIVATE -O0)
-  if(KELD_SANITIZE MATCHES "undefined")
-    target_compile_options(${name} PRIVATE -fno-sanitize=undefined)
-  endif()
+  target_link_libraries(${name} PRIVATE ${ARG_LIBRARIES})
+  keld_test_options(${name})
+  target_link_libraries(${name} PRIVATE GTest::gtest_main)
+  target_precompile_headers(${name} REUSE_FROM test_headers)
   set_target_properties(${name} PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests)
   gtest_discover_tests(${name}
     TEST_PREFIX "${name}."
