@@ -35,6 +35,8 @@ struct CorrelatorInfo {
   std::span<const Judged> judged;
   /// Makes the correlator for `services`, which outlive it; nullptr where it needs its own thread.
   std::unique_ptr<Correlator> (*make)(Services& services) = nullptr;
+  /// Every way in which its state can decide.
+  std::span<const Decision* const> decisions = {};
 };
 
 /// The entry function of a correlator that needs nothing but its stream.

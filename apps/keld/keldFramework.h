@@ -12,6 +12,7 @@
 
 #include "keldAgent.h"
 #include "keldAside.h"
+#include "keldDecision.h"
 #include "keldPost.h"
 #include "keldTimer.h"
 #include "platform/clock.h"
@@ -29,7 +30,8 @@ struct Services {
   Clock& clock;
   Post& post;
   Timers& timers;
-  Aside* aside = nullptr;  ///< none: such work is done at once
+  Aside* aside = nullptr;                 ///< none: such work is done at once
+  DecisionListener* decisions = nullptr;  ///< none: nobody asks why
 
   /// Has work done that would hold up the caller's thread, unless more of it comes before.
   void doAside(std::function<void()> work) const {
