@@ -1,4 +1,4 @@
-// A correlator on a manual clock: send observations, let time pass, read what was posted.
+// A correlator on a manual clock: send observations, let time pass, read what was posted and why.
 #pragma once
 
 #include <memory>
@@ -9,6 +9,7 @@
 #include "keldCorrelator.h"
 #include "manualTime.h"
 #include "observation.h"
+#include "recordingDecisions.h"
 #include "recordingPost.h"
 
 namespace support {
@@ -19,7 +20,8 @@ struct Scenario {
   ManualTimers timers{clock};
   RecordingPost post;
   RecordingLog log;
-  keld::Services services{clock, post, timers};
+  RecordingDecisions decisions;
+  keld::Services services{clock, post, timers, nullptr, &decisions};
 };
 
 /// Drives one correlator through a scenario. Dispatch is the daemon's own.
