@@ -1,5 +1,7 @@
 #include "keldCoreErrors.h"
 
+#include <algorithm>
+
 namespace keld {
 
 namespace {
@@ -37,8 +39,11 @@ void CoreErrors::add(std::int64_t now, unsigned times) {
 }
 
 bool CoreErrors::reached(std::uint32_t number, std::int64_t now) const {
-  const std::int64_t then = times_[(next_ - number) % kPlaces];
-  return then != 0 && now - then < kDaySeconds;
+  return isOfDay(times_[(next_ - number) % kPlaces], now);
+}
+
+std::int64_t CoreErrors::withinDay(std::int64_t now) const {
+  return std::count_if(times_.begin(), times_.end(), [now](std::int64_t then) { return isOfDay(then, now); });
 }
 
 }  // namespace keld

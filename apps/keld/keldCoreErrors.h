@@ -16,10 +16,10 @@ class McStatus {
   [[nodiscard]] bool overflow() const { return (word_ >> 62U & 1U) != 0; }
   /// A cache or TLB error of level 0 or 1, the kinds that a failing core makes.
   [[nodiscard]] bool isCoreError() const;
-
- private:
+  /// What kind of error it is.
   [[nodiscard]] std::uint32_t code() const { return static_cast<std::uint32_t>(word_ & 0xffffU); }
 
+ private:
   std::uint64_t word_;
 };
 
@@ -38,8 +38,14 @@ class CoreErrors {
   /// True where the entry `number` places back is of the last day. Kept: a number beyond the places
   /// wraps around them.
   [[nodiscard]] bool reached(std::uint32_t number, std::int64_t now) const;
+  /// How many errors of the last day are noted.
+  [[nodiscard]] std::int64_t withinDay(std::int64_t now) const;
+  /// How many errors of the last day it takes to reach `number`, which is not 0.
+  [[nodiscard]] static std::uint32_t needed(std::uint32_t number) { return (number - 1) % kPlaces + 1; }
 
  private:
+  static bool isOfDay(std::int64_t then, std::int64_t now) { return then != 0 && now - then < kDaySeconds; }
+
   std::array<std::int64_t, kPlaces> times_{};  // 0: empty
   std::uint32_t next_ = 0;
   bool offlined_ = false;

@@ -80,6 +80,73 @@ constexpr Judged kDstorJudged[] = {
     {"kel.dstor.dom.resynctimeout", "%u %p %p %u", kResyncTimeoutEvents},
 };
 
+// Of an interface.
+constexpr Decides<> kUnknownNic{DecisionKind::holds, "dstor.nic.unknown",
+                                "it was never known to lack an address: not reported"};
+constexpr Decides<> kHadAddress{DecisionKind::holds, "dstor.nic.had-address",
+                                "it has an address already: not reported"};
+constexpr Decides<> kLackedAddress{DecisionKind::concludes, "dstor.nic.lacked-address",
+                                   "it lacked an address until now: reported as ready"};
+constexpr Decides<std::string_view> kOtherReady{DecisionKind::concludes, "dstor.nic.other-ready",
+                                                "it has no address, but {} has one"};
+constexpr Decides<std::int64_t> kNoneReady{
+    DecisionKind::concludes, "dstor.nic.none-ready",
+    "none of the {} known interfaces has an address: the event waits in the retry queue"};
+constexpr Decides<> kConnectivityBack{
+    DecisionKind::concludes, "dstor.nic.connectivity-back",
+    "the connectivity that was reported as lost is there again: reported as available"};
+constexpr Decides<> kAddressBack{DecisionKind::concludes, "dstor.nic.address-back",
+                                 "it lacked an address until now: the network is reported as available"};
+constexpr Decides<> kNothingLost{
+    DecisionKind::holds, "dstor.nic.nothing-lost",
+    "neither lost connectivity nor a missing address is on record: only the interface is reported"};
+constexpr Decides<> kNicDropped{DecisionKind::forgets, "dstor.nic.dropped", "no longer among the known interfaces"};
+constexpr Decides<std::int64_t, std::int64_t> kNotRedundant{
+    DecisionKind::concludes, "dstor.nic.not-redundant",
+    "known interfaces left: {}, redundant from {} on: reported as lost"};
+constexpr Decides<std::int64_t, std::int64_t> kLessRedundant{
+    DecisionKind::concludes, "dstor.nic.less-redundant",
+    "known interfaces left: {}, redundant from {} on: reported as reduced"};
+constexpr Decides<> kConnectivityGone{
+    DecisionKind::concludes, "dstor.nic.no-connectivity",
+    "all connectivity is lost, which is on record until an interface is created: the event waits in the retry queue"};
+// Of the network.
+constexpr Decides<> kLossForgotten{DecisionKind::forgets, "dstor.network.forgotten",
+                                   "the service was unloaded: the lost connectivity is on record no more"};
+// Of clustering.
+constexpr Decides<> kOffReported{DecisionKind::concludes, "dstor.clustering.disabled",
+                                 "reported as disabled, which stays on record"};
+constexpr Decides<> kOnAgain{DecisionKind::concludes, "dstor.clustering.enabled-again",
+                             "it was reported as disabled: cleared"};
+constexpr Decides<> kOn{DecisionKind::concludes, "dstor.clustering.enabled",
+                        "it was never reported as disabled: audited, not cleared"};
+constexpr Decides<> kOffForgotten{DecisionKind::forgets, "dstor.clustering.forgotten",
+                                  "the service was unloaded: on record as disabled no more"};
+constexpr std::string_view kNetwork = "network";
+constexpr std::string_view kClustering = "clustering";
+
+constexpr const Decision* kDstorDecisions[] = {&kUnknownNic,
+                                               &kHadAddress,
+                                               &kLackedAddress,
+                                               &kOtherReady,
+                                               &kNoneReady,
+                                               &kConnectivityBack,
+                                               &kAddressBack,
+                                               &kNothingLost,
+                                               &kNicDropped,
+                                               &kNotRedundant,
+                                               &kLessRedundant,
+                                               &kConnectivityGone,
+                                               &kLossForgotten,
+                                               &kOffReported,
+                                               &kOnAgain,
+                                               &kOn,
+                                               &kOffForgotten,
+                                               &DstorErrorHoldoff::kFirst,
+                                               &DstorErrorHoldoff::kHeld,
+                                               &DstorErrorHoldoff::kOver,
+                                               &DstorErrorHoldoff::kForgotten};
+
 /// A storage interface's name, and whether the interface has an IP address.
 using DstorNicTable = std::map<std::string, bool, std::less<>>;
 
@@ -91,7 +158,8 @@ struct DstorReported {
 
 class DstorCorrelator final : public Correlator {
  public:
-  explicit DstorCorrelator(Services& services) : services_(services), post_(services.post) {}
+  explicit DstorCorrelator(Services& services)
+      : services_(services), post_(services.post), mediumErrors_(services.decisions) {}
 
   [[nodiscard]] HandlerTable handlers() override {
     HandlerTable handlers;
@@ -116,6 +184,11 @@ class DstorCorrelator final : public Correlator {
   }
 
  private:
+  template <typename... A>
+  void tell(const Decides<A...>& decision, std::string_view subject, std::type_identity_t<A>... values) const {
+    decision.report(services_.decisions, subject, values...);
+  }
+
   /// Registers a handler of what happened to one interface; without a name nothing is done.
   void addForNic(HandlerTable& handlers, const char* id, void (DstorCorrelator::*happened)(Text nic)) {
     handlers.emplace(id, [this, happened](const Kel* observation) {
@@ -134,27 +207,42 @@ class DstorCorrelator final : public Correlator {
   }
 
   void forget(Text nic) {
-    if (const auto known = nics_.find(nic); known != nics_.end()) nics_.erase(known);
+    if (const auto known = nics_.find(nic); known != nics_.end()) {
+      nics_.erase(known);
+      tell(kNicDropped, nic);
+    }
   }
 
   void gotIp(Text nic) {
-    if (!lacksIp(nic)) return;
-    nics_[nic] = true;
+    const auto known = nics_.find(nic);
+    if (known == nics_.end() || known->second) {
+      tell(known == nics_.end() ? kUnknownNic : kHadAddress, nic);
+      return;
+    }
+    known->second = true;
+    tell(kLackedAddress, nic);
     kNicReady.post(post_, nic);
   }
 
   void noIp(Text nic) {
     nics_[nic] = false;
-    const bool others = std::any_of(nics_.begin(), nics_.end(), [](const auto& known) { return known.second; });
-    if (others) {
+    const auto other = std::find_if(nics_.begin(), nics_.end(), [](const auto& known) { return known.second; });
+    if (other != nics_.end()) {
+      tell(kOtherReady, nic, other->first);
       kNicNotReady.post(post_, nic);
     } else {
+      tell(kNoneReady, nic, static_cast<std::int64_t>(nics_.size()));
       kNetNotReady.postQueueOnly(post_, nic);
     }
   }
 
   void created(Text nic) {
-    if (reported_.noConnectivity || lacksIp(nic)) kNetworkAvailable.post(post_);
+    if (reported_.noConnectivity || lacksIp(nic)) {
+      tell(reported_.noConnectivity ? kConnectivityBack : kAddressBack, nic);
+      kNetworkAvailable.post(post_);
+    } else {
+      tell(kNothingLost, nic);
+    }
     reported_.noConnectivity = false;
     nics_[nic] = true;
     kNicAdded.post(post_);
@@ -163,31 +251,41 @@ class DstorCorrelator final : public Correlator {
   void redundancyReduced(Text nic) {
     constexpr std::size_t kRedundant = 2;
     forget(nic);
-    (nics_.size() < kRedundant ? kRedundancyLost : kRedundancyReduced).post(post_);
+    const bool lost = nics_.size() < kRedundant;
+    tell(lost ? kNotRedundant : kLessRedundant, nic, static_cast<std::int64_t>(nics_.size()), kRedundant);
+    (lost ? kRedundancyLost : kRedundancyReduced).post(post_);
     kNicDeleted.post(post_);
   }
 
   void noConnectivity(Text nic) {
     forget(nic);
     reported_.noConnectivity = true;
+    tell(kConnectivityGone, nic);
     kNicDeleted.post(post_);
     kNoConnectivity.postQueueOnly(post_);
   }
 
   void clusteringDisabled() {
     reported_.clusteringDisabled = true;
+    tell(kOffReported, kClustering);
     kClusteringDisabled.post(post_);
   }
 
   // What was reported stays so: it is cleared at each return, not only at the first.
   void clusteringEnabled() const {
+    tell(reported_.clusteringDisabled ? kOnAgain : kOn, kClustering);
     (reported_.clusteringDisabled ? kClusteringEnabledAgain : kClusteringEnabled).post(post_);
   }
 
   void forgetAll() {
+    if (services_.decisions != nullptr) {
+      for (const auto& [nic, ready] : nics_) tell(kNicDropped, nic);
+      if (reported_.noConnectivity) tell(kLossForgotten, kNetwork);
+      if (reported_.clusteringDisabled) tell(kOffForgotten, kClustering);
+    }
     nics_.clear();
     reported_ = {};
-    mediumErrors_ = {};
+    mediumErrors_.forgetAll();
   }
 
   void mediumError(const Event<Text, Text>& event, const Kel* observation) {
@@ -220,6 +318,7 @@ constexpr const char* kGroups[] = {"dstor"};
 }  // namespace
 
 constinit const CorrelatorInfo kDstorCorrelator = {
-    "Dstor", kGroups, {}, runPlain<kDstorCorrelator>, kDstorRows, kDstorJudged, makeCorrelator<DstorCorrelator>};
+    "Dstor",        kGroups, {}, runPlain<kDstorCorrelator>, kDstorRows, kDstorJudged, makeCorrelator<DstorCorrelator>,
+    kDstorDecisions};
 
 }  // namespace keld

@@ -28,20 +28,29 @@ constexpr Judged kExternalJudged[] = {
     {"kel.user.external.error", kFormat, kErrorEvents}, {"kel.user.external.info", kFormat, kInformationEvents},
 };
 
-void report(Post& post, const Report& event, const Kel* observation) {
+// Of a component.
+constexpr Decides<std::string_view> kMissing{DecisionKind::holds, "external.report.missing",
+                                             "the report's {} is missing: nothing is posted"};
+constexpr const Decision* kExternalDecisions[] = {&kMissing};
+
+void report(const Services& services, const Report& event, const Kel* observation) {
   Text component = nullptr, link = nullptr, message = nullptr;
   if (Kel_GetArgs(observation, 0, kFormat, &component, &link, &message) != 0) return;
-  if (component == nullptr || link == nullptr || message == nullptr) return;
-  event.post(post, component, link, component, message);
+  if (component == nullptr || link == nullptr || message == nullptr) {
+    const std::string_view missing = component == nullptr ? "component" : link == nullptr ? "link" : "message";
+    kMissing.report(services.decisions, component != nullptr ? component : "", missing);
+    return;
+  }
+  event.post(services.post, component, link, component, message);
 }
 
 class ExternalCorrelator final : public Correlator {
  public:
-  explicit ExternalCorrelator(Services& services) : post_(services.post) {}
+  explicit ExternalCorrelator(Services& services) : services_(services) {}
 
   [[nodiscard]] HandlerTable handlers() override {
     const auto reporting = [this](const Report& event) {
-      return [this, &event](const Kel* observation) { report(post_, event, observation); };
+      return [this, &event](const Kel* observation) { report(services_, event, observation); };
     };
     return {{"kel.external.warning", reporting(kWarning)},  {"kel.external.error", reporting(kError)},
             {"kel.external.info", reporting(kInformation)}, {"kel.user.external.warning", reporting(kWarning)},
@@ -49,14 +58,20 @@ class ExternalCorrelator final : public Correlator {
   }
 
  private:
-  Post& post_;
+  Services& services_;
 };
 
 constexpr const char* kGroups[] = {"user", "external"};
 
 }  // namespace
 
-constinit const CorrelatorInfo kGenericCorrelator = {
-    "Generic", kGroups, {}, runPlain<kGenericCorrelator>, {}, kExternalJudged, makeCorrelator<ExternalCorrelator>};
+constinit const CorrelatorInfo kGenericCorrelator = {"Generic",
+                                                     kGroups,
+                                                     {},
+                                                     runPlain<kGenericCorrelator>,
+                                                     {},
+                                                     kExternalJudged,
+                                                     makeCorrelator<ExternalCorrelator>,
+                                                     kExternalDecisions};
 
 }  // namespace keld

@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "keldDecision.h"
+
 namespace keld {
 
 /// At most one report an hour, counted from the last one, for each identifier. While a clock that was
@@ -30,11 +32,23 @@ class HourlyHoldOff {
   std::map<std::string, std::int64_t> lastPosted_;
 };
 
+/// What is said of a crash.
+struct CrashDecisions {
+  Decides<> first;
+  /// The crash's number, seconds since the last report, seconds until a reminder.
+  Decides<std::int64_t, std::int64_t, std::int64_t> held;
+  Decides<std::int64_t, std::int64_t, std::int64_t> reminds;
+};
+
 /// Counts the crashes of each application and reminds of them: the first is reported at once, later
 /// ones at most once in ten hours, with the count so far. Applications are never forgotten.
 class CrashReminder {
  public:
   static constexpr std::int64_t kReminderSeconds = 36000;
+
+  CrashReminder() = default;
+  /// Says `said` of each application's crashes to `decisions`; both outlive it.
+  CrashReminder(DecisionListener* decisions, const CrashDecisions& said) : decisions_(decisions), said_(&said) {}
 
   /// Counts a crash of `application` at second `now`. Returns the count where it is to be reported,
   /// else 0.
@@ -42,11 +56,17 @@ class CrashReminder {
     const auto known = crashes_.find(application);
     if (known == crashes_.end()) {
       crashes_.emplace(application, Crashes{now, 1});
+      if (decisions_ != nullptr) said_->first.report(decisions_, application);
       return 1;
     }
     Crashes& crashes = known->second;
     ++crashes.count;
-    if (now - crashes.lastReported < kReminderSeconds) return 0;
+    const std::int64_t age = now - crashes.lastReported;
+    const bool held = age < kReminderSeconds;
+    if (decisions_ != nullptr) {
+      (held ? said_->held : said_->reminds).report(decisions_, application, crashes.count, age, kReminderSeconds);
+    }
+    if (held) return 0;
     crashes.lastReported = now;
     return crashes.count;
   }
@@ -56,6 +76,8 @@ class CrashReminder {
     std::int64_t lastReported;
     std::uint32_t count;
   };
+  DecisionListener* decisions_ = nullptr;
+  const CrashDecisions* said_ = nullptr;
   std::map<std::string, Crashes, std::less<>> crashes_;
 };
 
@@ -90,15 +112,42 @@ class DstorErrorHoldoff {
  public:
   static constexpr std::int64_t kPeriodSeconds = 3600;
 
+  DstorErrorHoldoff() = default;
+  /// Tells `decisions`, which outlives it and may be nullptr, of each disk.
+  explicit DstorErrorHoldoff(DecisionListener* decisions) : decisions_(decisions) {}
+
   /// True, and the hour begins, where an error of `disk` is to be reported at second `now`.
   bool report(std::string_view disk, std::int64_t now) {
     const auto [known, isNew] = lastReported_.try_emplace(std::string(disk), now);
-    if (!isNew && now < known->second + kPeriodSeconds) return false;
-    known->second = now;
-    return true;
+    if (isNew) {
+      kFirst.report(decisions_, disk);
+      return true;
+    }
+    const bool held = now < known->second + kPeriodSeconds;
+    (held ? kHeld : kOver).report(decisions_, disk, now - known->second, kPeriodSeconds);
+    if (!held) known->second = now;
+    return !held;
+  }
+  /// No disk is held off any more.
+  void forgetAll() {
+    if (decisions_ != nullptr) {
+      for (const auto& [disk, last] : lastReported_) kForgotten.report(decisions_, disk);
+    }
+    lastReported_.clear();
   }
 
+  // What is said of a disk.
+  static constexpr Decides<> kFirst{DecisionKind::concludes, "dstor.medium.first",
+                                    "nothing was reported of it yet: reported", kPeriodSeconds};
+  static constexpr Decides<std::int64_t, std::int64_t> kHeld{DecisionKind::holds, "dstor.medium.held",
+                                                             "held off: last reported {} s ago, limit {} s"};
+  static constexpr Decides<std::int64_t, std::int64_t> kOver{
+      DecisionKind::concludes, "dstor.medium.over", "reported: last reported {} s ago, limit {} s", kPeriodSeconds};
+  static constexpr Decides<> kForgotten{DecisionKind::forgets, "dstor.medium.forgotten",
+                                        "the service was unloaded: held off no more"};
+
  private:
+  DecisionListener* decisions_ = nullptr;
   std::map<std::string, std::int64_t> lastReported_;
 };
 

@@ -2,9 +2,12 @@
 
 #include <algorithm>
 
+#include "keldText.h"
+
 namespace keld {
 
 void InjectionLog::expire(std::int64_t now) {
+  if (decisions_ != nullptr) tellExpired(now);
   while (!byTime_.empty() && byTime_.begin()->first + kKeepSeconds < now) {
     drop(byTime_.begin()->second);
     byTime_.erase(byTime_.begin());
@@ -28,6 +31,45 @@ void InjectionLog::add(World world, Page page, std::int64_t now) {
   run.sorted.insert(now);
   byTime_.emplace(now, Place{world, page, std::prev(run.times.end())});
   if (isRepeated(run)) repeated_.emplace(world, page);
+  if (decisions_ != nullptr) tellAdded(world, page);
+}
+
+/// Of a run that is repeated, and not of a machine that was killed, nothing is said: it is to be judged.
+void InjectionLog::tellAdded(World world, Page page) const {
+  const Machine& machine = machines_.at(world);
+  const Run& run = machine.runs.at(page);
+  const auto injections = static_cast<std::int64_t>(run.times.size());
+  if (machine.killed) {
+    kInjectionOfKilled.report(decisions_, subject(world), injections, hexText(page));
+  } else if (!isRepeated(run)) {
+    kInjectionCounted.report(decisions_, subject(world), injections, hexText(page),
+                             *run.sorted.rbegin() - *run.sorted.begin(), kMinInjections, kMinSpreadSeconds);
+  }
+}
+
+void InjectionLog::tellExpired(std::int64_t now) const {
+  std::map<std::pair<World, Page>, std::size_t> dropped;
+  std::map<World, std::size_t> droppedOf;
+  for (const auto& [time, place] : byTime_) {
+    if (time + kKeepSeconds >= now) break;
+    ++dropped[{place.world, place.page}];
+    ++droppedOf[place.world];
+  }
+  for (const auto& [run, count] : dropped) {
+    const std::size_t all = machines_.at(run.first).runs.at(run.second).times.size();
+    kInjectionExpired.report(decisions_, subject(run.first), static_cast<std::int64_t>(count), hexText(run.second),
+                             kKeepSeconds, static_cast<std::int64_t>(all - count));
+  }
+  tellForgotten(droppedOf);
+}
+
+void InjectionLog::tellForgotten(const std::map<World, std::size_t>& dropped) const {
+  for (const auto& [world, count] : dropped) {
+    const Machine& machine = machines_.at(world);
+    std::size_t all = 0;
+    for (const auto& [page, run] : machine.runs) all += run.times.size();
+    if (machine.killed && all == count) kKillForgotten.report(decisions_, subject(world), kKeepSeconds);
+  }
 }
 
 std::vector<InjectionLog::Repeated> InjectionLog::repeated() {

@@ -19,26 +19,37 @@ constexpr const EventInfo* kListenerEvents[] = {&kListenerShutdown};
 constexpr Judged kMigrateJudged[] = {
     {"kel.migrate.skyhop.server.pending.cnx.listen.socket.shutdown", "%p", kListenerEvents}};
 
-void listenerShutdown(Post& post, const Kel* observation) {
+constexpr Decides<> kStatusUnknown{DecisionKind::concludes, "migrate.listener.unknown",
+                                   "no status was given: reported as unknown"};
+constexpr Decides<std::string_view> kStatusKnown{DecisionKind::concludes, "migrate.listener.status",
+                                                 "reported with status {}"};
+constexpr std::string_view kListener = "listener socket";
+constexpr const Decision* kMigrateDecisions[] = {&kStatusUnknown, &kStatusKnown};
+
+void listenerShutdown(const Services& services, const Kel* observation) {
   Text status = nullptr;
   if (Kel_GetArgs(observation, 0, "%p", &status) != 0) return;
-  kListenerShutdown.post(post, status != nullptr ? status : "unknown");
+  if (status != nullptr)
+    kStatusKnown.report(services.decisions, kListener, status);
+  else
+    kStatusUnknown.report(services.decisions, kListener);
+  kListenerShutdown.post(services.post, status != nullptr ? status : "unknown");
 }
 
 class MigrateCorrelator final : public Correlator {
  public:
-  explicit MigrateCorrelator(Services& services) : post_(services.post) {}
+  explicit MigrateCorrelator(Services& services) : services_(services) {}
 
   [[nodiscard]] HandlerTable handlers() override {
     HandlerTable handlers;
-    addRows<kMigrateRows>(handlers, post_, OnUnreadable::silent);
+    addRows<kMigrateRows>(handlers, services_.post, OnUnreadable::silent);
     handlers.emplace(kMigrateJudged[0].observation,
-                     [this](const Kel* observation) { listenerShutdown(post_, observation); });
+                     [this](const Kel* observation) { listenerShutdown(services_, observation); });
     return handlers;
   }
 
  private:
-  Post& post_;
+  Services& services_;
 };
 
 constexpr const char* kGroups[] = {"migrate"};
@@ -51,6 +62,7 @@ constinit const CorrelatorInfo kMigrateCorrelator = {"migrate",
                                                      runPlain<kMigrateCorrelator>,
                                                      kMigrateRows,
                                                      kMigrateJudged,
-                                                     makeCorrelator<MigrateCorrelator>};
+                                                     makeCorrelator<MigrateCorrelator>,
+                                                     kMigrateDecisions};
 
 }  // namespace keld

@@ -10,6 +10,7 @@
 
 #include "keldHostOption.h"
 #include "keldLog.h"
+#include "keldText.h"
 #include "platform/qkctl.h"
 
 namespace keld {
@@ -59,10 +60,82 @@ constexpr Judged kPageRetireJudged[] = {
     {kInjected, kInjectedFormat, kInjectedEvents},
 };
 
+// What the decisions are about, beside virtual machines.
+constexpr std::string_view kSelectedPages = "selected pages";
+constexpr std::string_view kUnretiredPages = "pages not retired";
+constexpr std::string_view kFirmwareRequests = "firmware requests";
+
+constexpr Decides<std::int64_t, std::int64_t> kSelectedBelow{DecisionKind::counts, "pageretire.selected.below",
+                                                             "{}, which is not above the threshold of {}"};
+constexpr Decides<std::int64_t, std::int64_t, std::int64_t> kSelectedHeld{
+    DecisionKind::holds, "pageretire.selected.held", "{}, which is not {} more than the {} reported last"};
+constexpr Decides<std::int64_t, std::int64_t> kSelectedFirst{DecisionKind::concludes, "pageretire.selected.first",
+                                                             "{}, which is above the threshold of {}: first report"};
+constexpr Decides<std::int64_t, std::int64_t, std::int64_t, std::int64_t> kSelectedGrown{
+    DecisionKind::concludes, "pageretire.selected.grown",
+    "{}, which is above the threshold of {} and at least {} more than the {} reported last"};
+constexpr Decides<std::int64_t, std::int64_t, std::int64_t> kSelectedAlways{
+    DecisionKind::concludes, "pageretire.selected.always",
+    "{}, which is above the threshold of {}; below the step of {} every count is reported"};
+constexpr Decides<std::int64_t> kUnretiredFirst{DecisionKind::concludes, "pageretire.not-retired.first",
+                                                "{}: reported, once for all"};
+constexpr Decides<std::int64_t> kUnretiredHeld{DecisionKind::holds, "pageretire.not-retired.held",
+                                               "{}: held back, they were reported once"};
+constexpr Decides<> kFirmwareOff{DecisionKind::holds, "pageretire.firmware.off",
+                                 "PageRetire/ApeiLoggingEnabled is 0: not reported"};
+constexpr Decides<std::int64_t> kFirmwareOn{DecisionKind::concludes, "pageretire.firmware.on",
+                                            "PageRetire/ApeiLoggingEnabled is {}: reported"};
+constexpr Decides<std::int64_t, std::string_view, std::int64_t, std::int64_t, std::string_view> kKill{
+    DecisionKind::concludes, "pageretire.injected.kill",
+    "{} injections for page {}, killed from {} over {} s on: killing {}"};
+constexpr Decides<> kVmKilled{DecisionKind::acts, "pageretire.injected.killed", "killed"};
+constexpr Decides<> kKillRefused{DecisionKind::acts, "pageretire.injected.kill-refused",
+                                 "the host refused to kill it and is not asked again while injections are kept"};
+constexpr Decides<std::int64_t, std::string_view> kVmNotFound{
+    DecisionKind::holds, "pageretire.injected.not-found",
+    "{} injections for page {}, but the host does not find or name it: the next injection asks again"};
+constexpr Decides<std::string_view> kKilledForOther{DecisionKind::holds, "pageretire.injected.killed-for-other",
+                                                    "its killing was asked for because of another page than {}"};
+constexpr Decides<std::string_view> kNotFoundForOther{
+    DecisionKind::holds, "pageretire.injected.not-found-for-other",
+    "the host failed for another page than {}: the next injection asks again"};
+constexpr Decides<std::int64_t, std::string_view, std::int64_t> kKillWaits{
+    DecisionKind::holds, "pageretire.injected.kill-waits",
+    "{} injections for page {}, but the host failed for {} others: the next injection begins here"};
+
+constexpr const Decision* kPageRetireDecisions[] = {
+    &kSelectedBelow,    &kSelectedHeld, &kSelectedFirst, &kSelectedGrown,    &kSelectedAlways,    &kUnretiredFirst,
+    &kUnretiredHeld,    &kFirmwareOff,  &kFirmwareOn,    &kInjectionCounted, &kInjectionOfKilled, &kInjectionExpired,
+    &kKillForgotten,    &kKill,         &kVmKilled,      &kKillRefused,      &kVmNotFound,        &kKilledForOther,
+    &kNotFoundForOther, &kKillWaits};
+
+/// Numbers are told as signed ones.
+std::int64_t told(std::uint64_t number) {
+  return static_cast<std::int64_t>(number);
+}
+
 /// Reads arguments of which each stays as it is where they cannot be read: the handlers go on with them.
 template <typename... Out>
 void readWhatIsThere(const Kel* observation, const char* format, Out*... out) {
   static_cast<void>(Kel_GetArgs(observation, 0, format, out...));
+}
+
+// What is said of a virtual machine whose guest keeps using a page; put together only where somebody listens.
+template <typename... A>
+void tellRepeated(DecisionListener* decisions, const InjectionLog::Repeated& repeated,
+                  const Decides<std::int64_t, std::string_view, A...>& decision, std::type_identity_t<A>... values) {
+  if (decisions == nullptr) return;
+  decision.report(decisions, InjectionLog::subject(repeated.world), static_cast<std::int64_t>(repeated.injections),
+                  hexText(repeated.page), values...);
+}
+void tellPage(DecisionListener* decisions, const InjectionLog::Repeated& repeated,
+              const Decides<std::string_view>& decision) {
+  if (decisions != nullptr) {
+    decision.report(decisions, InjectionLog::subject(repeated.world), hexText(repeated.page));
+  }
+}
+void tellMachine(DecisionListener* decisions, const InjectionLog::Repeated& repeated, const Decides<>& decision) {
+  if (decisions != nullptr) decision.report(decisions, InjectionLog::subject(repeated.world));
 }
 
 bool isFrom(const Kel* observation, const char* wanted) {
@@ -88,7 +161,10 @@ std::uint64_t readInterval() {
 }  // namespace
 
 PageRetireCorrelator::PageRetireCorrelator(Services& services)
-    : services_(services), threshold_(readThreshold()), intervalPercent_(readInterval()) {}
+    : services_(services),
+      threshold_(readThreshold()),
+      intervalPercent_(readInterval()),
+      injections_(services.decisions) {}
 
 HandlerTable PageRetireCorrelator::handlers() {
   return {{kExceeded, [this](const Kel* observation) { thresholdExceeded(observation); }},
@@ -101,10 +177,23 @@ void PageRetireCorrelator::thresholdExceeded(const Kel* observation) {
   if (!isFrom(observation, kExceeded)) return;
   std::uint64_t count = 0;
   readWhatIsThere(observation, kExceededFormat, &count);
-  if (count <= threshold_) return;
+  DecisionListener* const decisions = services_.decisions;
+  if (count <= threshold_) {
+    kSelectedBelow.report(decisions, kSelectedPages, told(count), told(threshold_));
+    return;
+  }
   // Kept: product and difference wrap, so that a step beyond the count reports every count.
   const std::uint64_t step = threshold_ * intervalPercent_ / 100;
-  if (count - step < lastReported_) return;
+  if (count - step < lastReported_) {
+    kSelectedHeld.report(decisions, kSelectedPages, told(count), told(step), told(lastReported_));
+    return;
+  }
+  if (step > count)
+    kSelectedAlways.report(decisions, kSelectedPages, told(count), told(threshold_), told(step));
+  else if (lastReported_ == 0)
+    kSelectedFirst.report(decisions, kSelectedPages, told(count), told(threshold_));
+  else
+    kSelectedGrown.report(decisions, kSelectedPages, told(count), told(threshold_), told(step), told(lastReported_));
   kThresholdExceeded.post(services_.post, count, threshold_);
   lastReported_ = count;
 }
@@ -113,7 +202,11 @@ void PageRetireCorrelator::notRetiredHigh(const Kel* observation) {
   if (!isFrom(observation, kNotRetired)) return;
   std::uint64_t count = 0;
   readWhatIsThere(observation, kNotRetiredFormat, &count);
-  if (notRetiredReported_) return;
+  if (notRetiredReported_) {
+    kUnretiredHeld.report(services_.decisions, kUnretiredPages, told(count));
+    return;
+  }
+  kUnretiredFirst.report(services_.decisions, kUnretiredPages, told(count));
   kNotRetiredHigh.post(services_.post, count);
   notRetiredReported_ = true;
 }
@@ -121,10 +214,16 @@ void PageRetireCorrelator::notRetiredHigh(const Kel* observation) {
 void PageRetireCorrelator::firmwareRequest(const Kel* observation) {
   const auto logging = readIntegerOption(kGroup, "ApeiLoggingEnabled");
   if (!logging) Panic("NOT_REACHED %s:%d\n", kSource, kNoFirmwareOptionLine);
-  if (static_cast<std::uint32_t>(*logging) == 0) return;
+  const auto enabled = static_cast<std::uint32_t>(*logging);
+  if (enabled == 0) {
+    kFirmwareOff.report(services_.decisions, kFirmwareRequests);
+    return;
+  }
   Text unit = nullptr, reference = nullptr;
   readWhatIsThere(observation, kFirmwareFormat, &unit, &reference);
-  if (isFrom(observation, kFirmware)) kFirmwareRequest.post(services_.post, unit, reference);
+  if (!isFrom(observation, kFirmware)) return;
+  kFirmwareOn.report(services_.decisions, kFirmwareRequests, enabled);
+  kFirmwareRequest.post(services_.post, unit, reference);
 }
 
 void PageRetireCorrelator::injected(const Kel* observation) {
@@ -148,25 +247,52 @@ void PageRetireCorrelator::killRepeated() {
   // Kept: one that failed is asked for again by the next call, not by each of its injections.
   std::set<InjectionLog::World> failed;
   for (const InjectionLog::Repeated& one : repeated) {
-    if (injections_.killed(one.world) || failed.contains(one.world)) continue;
+    if (injections_.killed(one.world)) {
+      tellPage(services_.decisions, one, kKilledForOther);
+      continue;
+    }
+    if (failed.contains(one.world)) {
+      tellPage(services_.decisions, one, kNotFoundForOther);
+      continue;
+    }
     if (failed.size() == kMaxFailures) {
       resume_ = one.world;
+      tellWaiting(std::span(repeated).subspan(static_cast<std::size_t>(&one - repeated.data())), failed);
       return;
     }
     if (!kill(one)) failed.insert(one.world);
   }
 }
 
+/// Those behind the virtual machines that failed, for which this call did nothing.
+void PageRetireCorrelator::tellWaiting(std::span<const InjectionLog::Repeated> waiting,
+                                       const std::set<InjectionLog::World>& failed) const {
+  if (services_.decisions == nullptr) return;
+  for (const InjectionLog::Repeated& one : waiting) {
+    if (injections_.killed(one.world) || failed.contains(one.world)) continue;
+    tellRepeated(services_.decisions, one, kKillWaits, kMaxFailures);
+  }
+}
+
 /// False where the host fails.
 bool PageRetireCorrelator::kill(const InjectionLog::Repeated& repeated) {
+  DecisionListener* const decisions = services_.decisions;
+  bool asked = false;
   try {
     const auto machine = QkCtl::Resource::ResourceInfoImpl().GetVirtualMachineByWorldId(repeated.world);
-    kKilling.post(services_.post, machine->GetDisplayName().c_str(), static_cast<int>(repeated.injections),
-                  repeated.page);
+    const auto& name = machine->GetDisplayName();
+    tellRepeated(decisions, repeated, kKill, InjectionLog::kMinInjections, InjectionLog::kMinSpreadSeconds, name);
+    kKilling.post(services_.post, name.c_str(), static_cast<int>(repeated.injections), repeated.page);
     injections_.setKilled(repeated.world);
+    asked = true;
     machine->Kill(0);
+    tellMachine(decisions, repeated, kVmKilled);
     return true;
   } catch (const HostCtlException&) {
+    if (asked)
+      tellMachine(decisions, repeated, kKillRefused);
+    else
+      tellRepeated(decisions, repeated, kVmNotFound);
     return false;
   }
 }
@@ -183,6 +309,7 @@ constinit const CorrelatorInfo kPageRetireCorrelator = {"pageretire",
                                                         runPlain<kPageRetireCorrelator>,
                                                         {},
                                                         kPageRetireJudged,
-                                                        makeCorrelator<PageRetireCorrelator>};
+                                                        makeCorrelator<PageRetireCorrelator>,
+                                                        kPageRetireDecisions};
 
 }  // namespace keld

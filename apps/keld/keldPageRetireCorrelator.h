@@ -4,6 +4,8 @@
 
 #include <cstdint>
 #include <limits>
+#include <set>
+#include <span>
 
 #include "keldCorrelator.h"
 #include "keldInjectionLog.h"
@@ -24,6 +26,7 @@ class PageRetireCorrelator final : public Correlator {
   void injected(const Kel* observation);
   void killRepeated();
   bool kill(const InjectionLog::Repeated& repeated);
+  void tellWaiting(std::span<const InjectionLog::Repeated> waiting, const std::set<InjectionLog::World>& failed) const;
 
   Services& services_;
   const std::uint64_t threshold_;

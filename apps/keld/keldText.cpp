@@ -1,5 +1,7 @@
 #include "keldText.h"
 
+#include <charconv>
+
 namespace keld {
 
 std::string quoteJoin(const std::vector<std::string>& names) {
@@ -9,6 +11,13 @@ std::string quoteJoin(const std::vector<std::string>& names) {
     joined += '"' + name + '"';
   }
   return joined;
+}
+
+std::string hexText(std::uint64_t number) {
+  constexpr int kBase = 16;
+  char digits[sizeof number * 2];
+  const auto end = std::to_chars(std::begin(digits), std::end(digits), number, kBase).ptr;
+  return "0x" + std::string(std::begin(digits), end);
 }
 
 }  // namespace keld

@@ -1,6 +1,7 @@
 // Texts that several correlators make.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -8,5 +9,8 @@ namespace keld {
 
 /// Each name in double quotes, parted by ", ".
 std::string quoteJoin(const std::vector<std::string>& names);
+
+/// A number as "0x1f".
+std::string hexText(std::uint64_t number);
 
 }  // namespace keld

@@ -50,6 +50,37 @@ constexpr Judged kUserWorldJudged[] = {
     {"kel.uw.secpolicy.alldomains.level.changed", "%p %d", kAllDomainsLevelEvents},
 };
 
+// Of an application.
+constexpr CrashDecisions kCoreSaid{
+    {DecisionKind::concludes, "uw.crash.first", "crash 1: reported", CrashReminder::kReminderSeconds},
+    {DecisionKind::holds, "uw.crash.held", "crash {}: last reported {} s ago, the next reminder after {} s"},
+    {DecisionKind::concludes, "uw.crash.reminds", "crash {}: last reported {} s ago, reminded of after {} s",
+     CrashReminder::kReminderSeconds}};
+constexpr CrashDecisions kNoCoreSaid{
+    {DecisionKind::concludes, "uw.dump-failed.first", "crash 1 without a core dump: reported",
+     CrashReminder::kReminderSeconds},
+    {DecisionKind::holds, "uw.dump-failed.held",
+     "crash {} without a core dump: last reported {} s ago, the next reminder after {} s"},
+    {DecisionKind::concludes, "uw.dump-failed.reminds",
+     "crash {} without a core dump: last reported {} s ago, reminded of after {} s", CrashReminder::kReminderSeconds}};
+constexpr Decides<> kReceiverCrashed{DecisionKind::waits, "uw.crash.queued",
+                                     "events go through it: this one waits in the retry queue"};
+// Of a security domain.
+constexpr Decides<std::int64_t, std::string_view> kLevelWanted{DecisionKind::holds, "uw.level.enforcing",
+                                                               "level {} (\"{}\") is what is wanted: not audited"};
+constexpr Decides<std::int64_t, std::string_view> kLevelChanged{DecisionKind::concludes, "uw.level.changed",
+                                                                "level {} (\"{}\") is not enforcing: audited"};
+constexpr std::string_view kAllDomains = "all domains";
+
+constexpr const Decision* kUserWorldDecisions[] = {&kCoreSaid.first,   &kCoreSaid.held,   &kCoreSaid.reminds,
+                                                   &kNoCoreSaid.first, &kNoCoreSaid.held, &kNoCoreSaid.reminds,
+                                                   &kReceiverCrashed,  &kLevelWanted,     &kLevelChanged};
+
+/// A null text is an empty one.
+std::string_view shown(Text text) {
+  return text != nullptr ? text : "";
+}
+
 struct Crash {
   Text application = nullptr;
   Text corePath = nullptr;
@@ -82,8 +113,10 @@ CrashEvents eventsOf(std::string_view application) {
   return {kApplicationDumped, kApplicationDumpedEncrypted, false};
 }
 
-void postCrash(Post& post, const Crash& crash, int count) {
-  const CrashEvents events = eventsOf(crash.application != nullptr ? crash.application : "");
+void postCrash(const Services& services, const Crash& crash, int count) {
+  const CrashEvents events = eventsOf(shown(crash.application));
+  Post& post = services.post;
+  if (events.receiverCrashed) kReceiverCrashed.report(services.decisions, shown(crash.application));
   if (crash.encrypted && events.receiverCrashed) {
     events.encrypted.postQueueOnly(post, crash.application, count, crash.keyId, crash.corePath);
   } else if (crash.encrypted) {
@@ -97,7 +130,10 @@ void postCrash(Post& post, const Crash& crash, int count) {
 
 class UserWorldCorrelator final : public Correlator {
  public:
-  explicit UserWorldCorrelator(Services& services) : services_(services) {}
+  explicit UserWorldCorrelator(Services& services)
+      : services_(services),
+        crashCounts_(services.decisions, kCoreSaid),
+        dumpFailCounts_(services.decisions, kNoCoreSaid) {}
 
   [[nodiscard]] HandlerTable handlers() override {
     const auto dumped = [this](const Kel* observation) { coreDumped(observation); };
@@ -112,13 +148,13 @@ class UserWorldCorrelator final : public Correlator {
  private:
   /// Counts a crash. The count where it is to be reported, else 0.
   int count(CrashReminder& reminder, Text application) const {
-    return static_cast<int>(reminder.crashed(application != nullptr ? application : "", services_.nowSeconds()));
+    return static_cast<int>(reminder.crashed(shown(application), services_.nowSeconds()));
   }
 
   void coreDumped(const Kel* observation) {
     Crash crash;
     if (!readCrash(observation, crash) || !readKey(observation, crash)) return;
-    if (const int crashes = count(crashCounts_, crash.application)) postCrash(services_.post, crash, crashes);
+    if (const int crashes = count(crashCounts_, crash.application)) postCrash(services_, crash, crashes);
   }
 
   void dumpFailed(const Kel* observation) {
@@ -134,6 +170,7 @@ class UserWorldCorrelator final : public Correlator {
     int number = 0;
     unsigned unused = 0;
     if (Kel_GetArgs(observation, 0, "%p %d %p %u", &level, &number, &domain, &unused) != 0) return;
+    tellLevel(shown(domain), number, shown(level));
     if (number != kEnforcing) kDomainLevel.post(services_.post, domain, level);
   }
 
@@ -141,7 +178,12 @@ class UserWorldCorrelator final : public Correlator {
     Text level = nullptr;
     int number = 0;
     if (Kel_GetArgs(observation, 0, "%p %d", &level, &number) != 0) return;
+    tellLevel(kAllDomains, number, shown(level));
     if (number != kEnforcing) kAllDomainsLevel.post(services_.post, level);
+  }
+
+  void tellLevel(std::string_view domain, int number, std::string_view level) const {
+    (number != kEnforcing ? kLevelChanged : kLevelWanted).report(services_.decisions, domain, number, level);
   }
 
   Services& services_;
@@ -159,6 +201,7 @@ constinit const CorrelatorInfo kUserWorldCorrelator = {"UserWorld",
                                                        runPlain<kUserWorldCorrelator>,
                                                        {},
                                                        kUserWorldJudged,
-                                                       makeCorrelator<UserWorldCorrelator>};
+                                                       makeCorrelator<UserWorldCorrelator>,
+                                                       kUserWorldDecisions};
 
 }  // namespace keld

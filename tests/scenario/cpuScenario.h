@@ -23,8 +23,8 @@ inline std::string offline(std::uint64_t cpu) {
   return R"({"action":"cpu.offline","cpu":)" + std::to_string(cpu) + "}";
 }
 
-class CpuScenario : public testing::Test {
- protected:
+class CpuScene {
+ public:
   static constexpr std::uint64_t kAddressValid = std::uint64_t{1} << 58;
   static constexpr std::uint64_t kOverflow = std::uint64_t{1} << 62;
 
@@ -74,5 +74,7 @@ class CpuScenario : public testing::Test {
  private:
   std::size_t seen_ = 0;
 };
+
+class CpuScenario : public testing::Test, protected CpuScene {};
 
 }  // namespace scenario
