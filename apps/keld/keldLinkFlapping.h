@@ -6,8 +6,7 @@
 #include <map>
 #include <string>
 
-#include "keldPost.h"
-#include "platform/clock.h"
+#include "keldFramework.h"
 
 namespace keld {
 
@@ -16,15 +15,14 @@ class LinkFlapping {
  public:
   static constexpr std::int64_t kWindowSeconds = 60;
 
-  LinkFlapping(Clock& clock, Post& post) : clock_(clock), post_(post) {}
+  explicit LinkFlapping(Services& services) : services_(services) {}
 
   /// Counts a link-down of the NIC. Above the threshold of option Net/LinkFlappingThreshold (0: off)
   /// it asks the kernel to take the NIC down and posts the event where that succeeds.
   void CheckLinkFlapping(const std::string& nic);
 
  private:
-  Clock& clock_;
-  Post& post_;
+  Services& services_;
   std::map<std::string, std::deque<std::int64_t>> linkDownTimes_;
 };
 

@@ -25,12 +25,14 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <utility>
 
 #include "keldArguments.h"
 #include "keldLog.h"
+#include "keldNetDecisions.h"
 #include "keldNetRows.h"
 #include "keldText.h"
 #include "platform/hostctl.h"
@@ -52,6 +54,26 @@ constexpr std::uint32_t kTransitionSeconds = 2;
 constexpr std::uint32_t kLinkSeconds = 1;
 constexpr std::uint32_t kWatchdogSeconds = 7;
 
+/// What is on record, or was, as decisions name it.
+std::string_view recordName(std::uint32_t flag) {
+  switch (flag) {
+    case kPgDown:
+      return "port group down";
+    case kPgUp:
+      return "port group up";
+    case kDvPortDown:
+      return "DVPort down";
+    case kDvPortUp:
+      return "DVPort up";
+    case kLinkDown:
+      return "link down";
+    case kLinkUp:
+      return "link up";
+    default:
+      return "watchdog time-out";
+  }
+}
+
 /// Why a fence could not be set, as kernel status.
 constexpr int kBadFenceId = static_cast<int>(0xbad0007);
 constexpr int kNoFenceProperty = static_cast<int>(0xbad0002);
@@ -72,59 +94,6 @@ std::optional<std::string> readNic(const Kel* observation) {
   return nic;
 }
 
-void eraseNic(UplinkSide::Register& losses, const std::string& nic) {
-  std::erase_if(losses, [&](const auto& loss) { return loss.first == nic; });
-}
-
-void eraseNicOrItem(UplinkSide::Register& losses, const std::string& nic, const std::string& item) {
-  std::erase_if(losses, [&](const auto& loss) { return loss.first == nic || loss.second == item; });
-}
-
-/// The items of a down report by what is left to them.
-struct Losses {
-  std::vector<std::string> connectivity;
-  std::vector<std::string> redundancy;
-  std::vector<std::string> degraded;
-};
-
-Losses sortLosses(UplinkSide& side, const std::string& nic, const std::vector<UplinkSide::Transition>& transitions) {
-  Losses losses;
-  for (const UplinkSide::Transition& transition : transitions) {
-    if (transition.activeUplinks < 0) continue;
-    if (transition.activeUplinks == 0) {
-      losses.connectivity.push_back(transition.item);
-      side.connectivityLost.emplace_back(nic, transition.item);
-    } else if (transition.activeUplinks == 1) {
-      losses.redundancy.push_back(transition.item);
-      side.redundancyLost.emplace_back(nic, transition.item);
-    } else {
-      losses.degraded.push_back(transition.item);
-    }
-  }
-  return losses;
-}
-
-/// Takes the recoveries of an up report off the registers. Returns the items that are connected again.
-std::vector<std::string> takeRecoveries(UplinkSide& side, UplinkSide& other, const std::string& nic,
-                                        const std::vector<UplinkSide::Transition>& transitions) {
-  std::vector<std::string> connected;
-  for (const UplinkSide::Transition& transition : transitions) {
-    if (transition.activeUplinks < 1) continue;
-    if (transition.activeUplinks == 1) {
-      connected.push_back(transition.item);
-    } else {
-      side.redundancyRestored.push_back(transition.item);
-    }
-    eraseNicOrItem(side.connectivityLost, nic, transition.item);
-    eraseNic(other.connectivityLost, nic);
-    if (transition.activeUplinks >= 2) {
-      eraseNicOrItem(side.redundancyLost, nic, transition.item);
-      eraseNic(other.redundancyLost, nic);
-    }
-  }
-  return connected;
-}
-
 void fenceFailed(Post& post, const Kel* observation) {
   const char* port = nullptr;
   const char* dvSwitch = nullptr;
@@ -140,24 +109,28 @@ void fenceFailed(Post& post, const Kel* observation) {
   }
 }
 
-void tsoNotSupported(Post& post, const Kel* observation) {
+void tsoNotSupported(Services& services, const Kel* observation) {
   std::int64_t groupId = 0;
   if (Kel_GetIntArg(observation, 0, &groupId) != 0) return;
+  // Decisions are told of the group's number.
+  const std::string subject = services.decisions != nullptr ? std::to_string(groupId) : std::string();
   VSI_VmmGroupInfo info{};
   try {
     QkCtl::Util::Sysinfo node(VSI_NODE_vm_vmmGroupInfo);
     node.SetInstance(groupId);
     node.Get(&info, sizeof info);
   } catch (const HostCtl::Lib::HostCtlException&) {
+    netWhy::kVmUnknown.report(services.decisions, subject);
     return;
   }
-  kTsoNotSupported.post(post, info.displayName);
+  if (services.decisions != nullptr) netWhy::kVmNamed.report(services.decisions, subject, info.displayName);
+  kTsoNotSupported.post(services.post, info.displayName);
 }
 
 }  // namespace
 
 NetCorrelator::NetCorrelator(Services& services, std::function<void()> wake)
-    : services_(services), timer_(services.timers.create(std::move(wake))), flapping_(services.clock, services.post) {}
+    : services_(services), timer_(services.timers.create(std::move(wake))), flapping_(services) {}
 
 HandlerTable NetCorrelator::handlers() {
   const auto member = [this](void (NetCorrelator::*handle)(const Kel*)) {
@@ -173,7 +146,7 @@ HandlerTable NetCorrelator::handlers() {
       {"kel.net.qnic.linkstate.up", member(&NetCorrelator::linkUp)},
       {"kel.net.uplink.watchdog.timeout", member(&NetCorrelator::watchdogTimeout)},
       {"kel.net.fence.port.fail", [&post](const Kel* observation) { fenceFailed(post, observation); }},
-      {"kel.net.e1000.tso6.notsupported", [&post](const Kel* observation) { tsoNotSupported(post, observation); }},
+      {"kel.net.e1000.tso6.notsupported", [this](const Kel* observation) { tsoNotSupported(services_, observation); }},
   };
   addRows<kNetRows>(table, post, OnUnreadable::silent);
   return table;
@@ -194,7 +167,11 @@ void NetCorrelator::arm(std::uint32_t seconds, std::int64_t now) {
   armedSeconds_ = seconds;
 }
 
-void NetCorrelator::schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic) {
+std::int64_t NetCorrelator::secondsToTimer(std::int64_t now) const {
+  return armedAt_ + armedSeconds_ - now;
+}
+
+std::int64_t NetCorrelator::schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic) {
   const std::int64_t now = services_.nowSeconds();
   pendingFlags_[nic] |= flag;
   if (pendingTimers_.empty()) {
@@ -202,27 +179,52 @@ void NetCorrelator::schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, c
   } else {
     // Kept: the time since the last arming is added, so the timer fires that much after the record is due.
     const std::uint32_t candidate = static_cast<std::uint32_t>(now - armedAt_) + timeoutSeconds;
-    if (candidate < armedSeconds_) arm(candidate, now);
+    if (candidate < armedSeconds_) {
+      netWhy::kTimerMoved.report(services_.decisions, nic, candidate, secondsToTimer(now));
+      arm(candidate, now);
+    }
   }
   pendingTimers_[nic].push_back({flag, timeoutSeconds, now});
+  return std::max<std::int64_t>(timeoutSeconds, secondsToTimer(now));
+}
+
+bool NetCorrelator::hasTimer(std::uint32_t flag, const std::string& nic) const {
+  const auto records = pendingTimers_.find(nic);
+  return records != pendingTimers_.end() &&
+         std::ranges::any_of(records->second, [&](const PendingTimer& record) { return record.flag == flag; });
+}
+
+void NetCorrelator::putOnRecord(UplinkSide::Transitions& transitions, std::uint32_t flag, const std::string& nic,
+                                UplinkSide::Transition transition) {
+  DecisionListener* const decisions = services_.decisions;
+  const auto known = transitions.find(nic);
+  if (known == transitions.end()) {
+    const std::int64_t seconds = schedule(kTransitionSeconds, flag, nic);
+    netWhy::kTransitionWaits.report(decisions, nic, transition.item, recordName(flag), transition.activeUplinks,
+                                    seconds);
+    transitions[nic].push_back(std::move(transition));
+    return;
+  }
+  if (decisions != nullptr) {
+    const auto& joined = hasTimer(flag, nic) ? netWhy::kTransitionJoins : netWhy::kTransitionLeft;
+    joined.report(decisions, nic, transition.item, recordName(flag), transition.activeUplinks,
+                  std::ssize(known->second));
+  }
+  known->second.push_back(std::move(transition));
 }
 
 void NetCorrelator::portGroupDown(const Kel* observation) {
   Arguments arguments(observation);
   const std::string nic = arguments.text();
   UplinkSide::Transition transition{arguments.text(), arguments.integer(), arguments.integer()};
-  if (arguments.failed()) return;
-  if (!portGroups_.down.contains(nic)) schedule(kTransitionSeconds, kPgDown, nic);
-  portGroups_.down[nic].push_back(std::move(transition));
+  if (!arguments.failed()) putOnRecord(portGroups_.down, kPgDown, nic, std::move(transition));
 }
 
 void NetCorrelator::portGroupUp(const Kel* observation) {
   Arguments arguments(observation);
   const std::string nic = arguments.text();
   UplinkSide::Transition transition{arguments.text(), arguments.integer()};
-  if (arguments.failed()) return;
-  if (!portGroups_.up.contains(nic)) schedule(kTransitionSeconds, kPgUp, nic);
-  portGroups_.up[nic].push_back(std::move(transition));
+  if (!arguments.failed()) putOnRecord(portGroups_.up, kPgUp, nic, std::move(transition));
 }
 
 void NetCorrelator::dvPortDown(const Kel* observation) {
@@ -231,9 +233,7 @@ void NetCorrelator::dvPortDown(const Kel* observation) {
   const std::string switchPart = arguments.text();
   const std::string portPart = arguments.text();
   UplinkSide::Transition transition{switchPart + '/' + portPart, arguments.integer(), arguments.integer()};
-  if (arguments.failed()) return;
-  if (!dvPorts_.down.contains(nic)) schedule(kTransitionSeconds, kDvPortDown, nic);
-  dvPorts_.down[nic].push_back(std::move(transition));
+  if (!arguments.failed()) putOnRecord(dvPorts_.down, kDvPortDown, nic, std::move(transition));
 }
 
 void NetCorrelator::dvPortUp(const Kel* observation) {
@@ -242,25 +242,42 @@ void NetCorrelator::dvPortUp(const Kel* observation) {
   const std::string switchPart = arguments.text();
   const std::string portPart = arguments.text();
   UplinkSide::Transition transition{switchPart + '/' + portPart, arguments.integer()};
-  if (arguments.failed()) return;
-  if (!dvPorts_.up.contains(nic)) schedule(kTransitionSeconds, kDvPortUp, nic);
-  dvPorts_.up[nic].push_back(std::move(transition));
+  if (!arguments.failed()) putOnRecord(dvPorts_.up, kDvPortUp, nic, std::move(transition));
+}
+
+std::uint32_t NetCorrelator::firstSet(std::initializer_list<std::uint32_t> flags, const std::string& nic) const {
+  for (const std::uint32_t flag : flags) {
+    if (isSet(flag, nic)) return flag;
+  }
+  return 0;
 }
 
 void NetCorrelator::linkDown(const Kel* observation) {
   const auto nic = readNic(observation);
   if (!nic) return;
   flapping_.CheckLinkFlapping(*nic);
-  if (!isSet(kPgDown, *nic) && !isSet(kDvPortDown, *nic)) schedule(kLinkSeconds, kLinkDown, *nic);
+  linkChanged(kLinkDown, firstSet({kPgDown, kDvPortDown}, *nic), *nic);
 }
 
 void NetCorrelator::linkUp(const Kel* observation) {
   const auto nic = readNic(observation);
-  if (nic && !isSet(kPgUp, *nic) && !isSet(kDvPortUp, *nic)) schedule(kLinkSeconds, kLinkUp, *nic);
+  if (nic) linkChanged(kLinkUp, firstSet({kPgUp, kDvPortUp}, *nic), *nic);
+}
+
+void NetCorrelator::linkChanged(std::uint32_t flag, std::uint32_t covering, const std::string& nic) {
+  if (covering != 0) {
+    netWhy::kLinkCovered.report(services_.decisions, nic, recordName(flag), recordName(covering));
+    return;
+  }
+  const std::int64_t seconds = schedule(kLinkSeconds, flag, nic);
+  netWhy::kLinkWaits.report(services_.decisions, nic, recordName(flag), seconds);
 }
 
 void NetCorrelator::watchdogTimeout(const Kel* observation) {
-  if (const auto nic = readNic(observation)) schedule(kWatchdogSeconds, kWatchdog, *nic);
+  const auto nic = readNic(observation);
+  if (!nic) return;
+  const std::int64_t seconds = schedule(kWatchdogSeconds, kWatchdog, *nic);
+  netWhy::kWatchdogWaits.report(services_.decisions, *nic, seconds);
 }
 
 void NetCorrelator::expire() {
@@ -272,6 +289,7 @@ void NetCorrelator::expire() {
     for (auto record = records.begin(); record != records.end();) {
       const std::int64_t left = record->timeoutSeconds - (now - record->start);
       if (left > 0) {
+        netWhy::kNotDue.report(services_.decisions, nic->first, recordName(record->flag), left);
         next = std::min(next.value_or(left), left);
         ++record;
       } else {
@@ -289,19 +307,16 @@ void NetCorrelator::expire() {
 }
 
 void NetCorrelator::handleDue(std::uint32_t flag, const std::string& nic) {
-  const bool watchdog = isSet(kWatchdog, nic);
   switch (flag) {
     case kPgDown:
-      if (!watchdog) reportPortGroupsDown(nic);
-      break;
     case kDvPortDown:
-      if (!watchdog) reportDvPortsDown(nic);
-      break;
     case kPgUp:
-      if (!watchdog) reportPortGroupsUp(nic);
-      break;
     case kDvPortUp:
-      if (!watchdog) reportDvPortsUp(nic);
+      if (isSet(kWatchdog, nic)) {
+        netWhy::kWatchdogSwallows.report(services_.decisions, nic, recordName(flag));
+      } else {
+        transitionsDue(flag, nic);
+      }
       break;
     case kLinkDown:
       linkDownDue(nic);
@@ -317,49 +332,86 @@ void NetCorrelator::handleDue(std::uint32_t flag, const std::string& nic) {
   }
 }
 
+void NetCorrelator::transitionsDue(std::uint32_t flag, const std::string& nic) {
+  if (flag == kPgDown) reportPortGroupsDown(nic);
+  if (flag == kDvPortDown) reportDvPortsDown(nic);
+  if (flag == kPgUp) reportPortGroupsUp(nic);
+  if (flag == kDvPortUp) reportDvPortsUp(nic);
+}
+
+bool NetCorrelator::linkSpeaks(std::uint32_t flag, std::uint32_t covering, const std::string& nic) const {
+  DecisionListener* const decisions = services_.decisions;
+  if (covering == kWatchdog) {
+    netWhy::kWatchdogSwallows.report(decisions, nic, recordName(flag));
+  } else if (covering != 0) {
+    netWhy::kLinkOvertaken.report(decisions, nic, recordName(flag), recordName(covering));
+  } else {
+    netWhy::kLinkReported.report(decisions, nic, recordName(flag));
+  }
+  return covering == 0;
+}
+
 void NetCorrelator::linkDownDue(const std::string& nic) {
   clearFlag(kLinkDown, nic);
   // The reports of the transitions speak for the link.
-  if (isSet(kPgDown, nic) || isSet(kDvPortDown, nic) || isSet(kWatchdog, nic)) return;
+  if (!linkSpeaks(kLinkDown, firstSet({kPgDown, kDvPortDown, kWatchdog}, nic), nic)) return;
   kLinkStateDown.post(services_.post, nic.c_str());
 }
 
 void NetCorrelator::linkUpDue(const std::string& nic) {
   clearFlag(kLinkUp, nic);
-  if (isSet(kPgUp, nic) || isSet(kDvPortUp, nic) || isSet(kWatchdog, nic)) return;
+  if (!linkSpeaks(kLinkUp, firstSet({kPgUp, kDvPortUp, kWatchdog}, nic), nic)) return;
   Post& post = services_.post;
   kLinkStateUp.post(post, nic.c_str());
-  for (UplinkSide* side : {&dvPorts_, &portGroups_}) {
-    eraseNic(side->connectivityLost, nic);
-    eraseNic(side->redundancyLost, nic);
-  }
+  clearLosses(dvPorts_, portGroups_, nic, services_.decisions);
   // Kept: with nothing on record these close, without naming it, whatever the agent still holds open.
-  if (portGroups_.connectivityLost.empty() && dvPorts_.connectivityLost.empty()) {
+  if (connectivityRestored(nic, 0)) {
     kConnectivityRestored.post(post, "", "", nic.c_str());
     kDvPortConnectivityRestored.post(post, "", nic.c_str());
   }
-  if (portGroups_.redundancyLost.empty() && dvPorts_.redundancyLost.empty()) {
+  if (redundancyRestored(nic, 0)) {
     kRedundancyRestored.post(post, "", "", nic.c_str());
     kDvPortRedundancyRestored.post(post, "", nic.c_str());
   }
 }
 
+bool NetCorrelator::connectivityRestored(const std::string& nic, std::int64_t named) const {
+  const std::int64_t lost = std::ssize(portGroups_.connectivityLost) + std::ssize(dvPorts_.connectivityLost);
+  if (lost == 0) {
+    netWhy::kConnectivityRestored.report(services_.decisions, nic, named);
+  } else {
+    netWhy::kConnectivityStillLost.report(services_.decisions, nic, lost);
+  }
+  return lost == 0;
+}
+
+bool NetCorrelator::redundancyRestored(const std::string& nic, std::int64_t named) const {
+  const std::int64_t lost = std::ssize(portGroups_.redundancyLost) + std::ssize(dvPorts_.redundancyLost);
+  if (lost == 0) {
+    netWhy::kRedundancyRestored.report(services_.decisions, nic, named);
+  } else {
+    netWhy::kRedundancyStillLost.report(services_.decisions, nic, lost, named);
+  }
+  return lost == 0;
+}
+
 void NetCorrelator::watchdogDue(const std::string& nic) {
-  const bool pgDown = isSet(kPgDown, nic);
-  const bool dvPortDown = isSet(kDvPortDown, nic);
-  const bool linkDown = isSet(kLinkDown, nic);
-  const bool pgUp = isSet(kPgUp, nic);
-  const bool dvPortUp = isSet(kDvPortUp, nic);
-  if (!pgDown && !dvPortDown && !linkDown) return;
-  if (pgUp || dvPortUp || isSet(kLinkUp, nic)) {
-    if (pgDown) {
+  const std::uint32_t down = firstSet({kPgDown, kDvPortDown, kLinkDown}, nic);
+  const std::uint32_t up = firstSet({kPgUp, kDvPortUp, kLinkUp}, nic);
+  if (down == 0) {
+    netWhy::kWatchdogIdle.report(services_.decisions, nic);
+    return;
+  }
+  if (up != 0) {
+    netWhy::kWatchdogReset.report(services_.decisions, nic, recordName(down), recordName(up));
+    if (down == kPgDown) {
       portGroups_.down.erase(nic);
-    } else if (dvPortDown) {
+    } else if (down == kDvPortDown) {
       dvPorts_.down.erase(nic);
     }
-    if (pgUp) {
+    if (up == kPgUp) {
       portGroups_.up.erase(nic);
-    } else if (dvPortUp) {
+    } else if (up == kDvPortUp) {
       dvPorts_.down.erase(nic);  // Kept: the down table again; the up entry is left in place.
     }
     pendingFlags_[nic] = 0;
@@ -367,27 +419,34 @@ void NetCorrelator::watchdogDue(const std::string& nic) {
     return;
   }
   // WATCHDOG stays set: only a reset ends the silence of this NIC.
-  if (pgDown) {
-    reportPortGroupsDown(nic);
-  } else if (dvPortDown) {
-    reportDvPortsDown(nic);
-  } else if (linkDown) {
+  netWhy::kWatchdogDown.report(services_.decisions, nic, recordName(down));
+  if (down == kLinkDown) {
     kLinkStateDown.post(services_.post, nic.c_str());
+  } else if (down == kPgDown || down == kDvPortDown) {
+    transitionsDue(down, nic);
   } else {
     Panic("Unknown state: %x\n", pendingFlags_[nic]);
   }
 }
 
+std::string NetCorrelator::switchOf(const UplinkSide::List& transitions, const std::string& nic) const {
+  if (transitions.empty()) return {};
+  const std::string& portGroup = transitions.front().item;
+  std::string name = switchName(portGroup);
+  if (name.empty()) netWhy::kSwitchUnknown.report(services_.decisions, nic, portGroup, std::ssize(transitions));
+  return name;
+}
+
 void NetCorrelator::reportPortGroupsDown(const std::string& nic) {
   const auto entry = portGroups_.down.find(nic);
-  if (entry == portGroups_.down.end()) return;
-  clearFlag(kPgDown, nic);
-  std::string virtualSwitch;
-  if (!entry->second.empty()) {
-    virtualSwitch = switchName(entry->second.front().item);
-    if (virtualSwitch.empty()) return;  // Kept: the entry stays, and later transitions join it.
+  if (entry == portGroups_.down.end()) {
+    netWhy::kNothingOnRecord.report(services_.decisions, nic, recordName(kPgDown));
+    return;
   }
-  const Losses losses = sortLosses(portGroups_, nic, entry->second);
+  clearFlag(kPgDown, nic);
+  const std::string virtualSwitch = switchOf(entry->second, nic);
+  if (virtualSwitch.empty() && !entry->second.empty()) return;  // Kept: the entry stays, later transitions join it.
+  const UplinkLosses losses = sortLosses(portGroups_, nic, entry->second, services_.decisions);
   const auto postIfAny = [&](const auto& event, const std::vector<std::string>& names) {
     if (!names.empty()) event.post(services_.post, virtualSwitch.c_str(), nic.c_str(), quoteJoin(names).c_str());
   };
@@ -399,9 +458,12 @@ void NetCorrelator::reportPortGroupsDown(const std::string& nic) {
 
 void NetCorrelator::reportDvPortsDown(const std::string& nic) {
   const auto entry = dvPorts_.down.find(nic);
-  if (entry == dvPorts_.down.end()) return;
+  if (entry == dvPorts_.down.end()) {
+    netWhy::kNothingOnRecord.report(services_.decisions, nic, recordName(kDvPortDown));
+    return;
+  }
   clearFlag(kDvPortDown, nic);
-  const Losses losses = sortLosses(dvPorts_, nic, entry->second);
+  const UplinkLosses losses = sortLosses(dvPorts_, nic, entry->second, services_.decisions);
   const auto postIfAny = [&](const auto& event, const std::vector<std::string>& labels) {
     if (!labels.empty()) event.post(services_.post, quoteJoin(labels).c_str(), nic.c_str());
   };
@@ -413,19 +475,23 @@ void NetCorrelator::reportDvPortsDown(const std::string& nic) {
 
 void NetCorrelator::reportPortGroupsUp(const std::string& nic) {
   const auto entry = portGroups_.up.find(nic);
-  if (entry == portGroups_.up.end()) return;
+  if (entry == portGroups_.up.end()) {
+    netWhy::kNothingOnRecord.report(services_.decisions, nic, recordName(kPgUp));
+    return;
+  }
   clearFlag(kPgUp, nic);
-  const std::string virtualSwitch = entry->second.empty() ? "" : switchName(entry->second.front().item);
+  const std::string virtualSwitch = switchOf(entry->second, nic);
   if (virtualSwitch.empty()) return;  // Kept: the entry stays, and later transitions join it.
-  const std::vector<std::string> connected = takeRecoveries(portGroups_, dvPorts_, nic, entry->second);
+  const std::vector<std::string> connected =
+      takeRecoveries(portGroups_, dvPorts_, nic, entry->second, services_.decisions);
   const auto post = [&](const auto& event, const std::vector<std::string>& names) {
     event.post(services_.post, virtualSwitch.c_str(), quoteJoin(names).c_str(), nic.c_str());
   };
-  if (!connected.empty() && portGroups_.connectivityLost.empty() && dvPorts_.connectivityLost.empty()) {
+  if (!connected.empty() && connectivityRestored(nic, std::ssize(connected))) {
     post(kConnectivityRestored, connected);
   }
-  if (!portGroups_.redundancyRestored.empty() && portGroups_.redundancyLost.empty() &&
-      dvPorts_.redundancyLost.empty()) {
+  const std::int64_t recovered = std::ssize(portGroups_.redundancyRestored);
+  if (recovered > 0 && redundancyRestored(nic, recovered)) {
     post(kRedundancyRestored, portGroups_.redundancyRestored);
     portGroups_.redundancyRestored.clear();
   }
@@ -434,16 +500,21 @@ void NetCorrelator::reportPortGroupsUp(const std::string& nic) {
 
 void NetCorrelator::reportDvPortsUp(const std::string& nic) {
   const auto entry = dvPorts_.up.find(nic);
-  if (entry == dvPorts_.up.end()) return;
+  if (entry == dvPorts_.up.end()) {
+    netWhy::kNothingOnRecord.report(services_.decisions, nic, recordName(kDvPortUp));
+    return;
+  }
   clearFlag(kDvPortUp, nic);
-  const std::vector<std::string> connected = takeRecoveries(dvPorts_, portGroups_, nic, entry->second);
+  const std::vector<std::string> connected =
+      takeRecoveries(dvPorts_, portGroups_, nic, entry->second, services_.decisions);
   const auto post = [&](const auto& event, const std::vector<std::string>& labels) {
     event.post(services_.post, quoteJoin(labels).c_str(), nic.c_str());
   };
-  if (!connected.empty() && portGroups_.connectivityLost.empty() && dvPorts_.connectivityLost.empty()) {
+  if (!connected.empty() && connectivityRestored(nic, std::ssize(connected))) {
     post(kDvPortConnectivityRestored, connected);
   }
-  if (!dvPorts_.redundancyRestored.empty() && portGroups_.redundancyLost.empty() && dvPorts_.redundancyLost.empty()) {
+  const std::int64_t recovered = std::ssize(dvPorts_.redundancyRestored);
+  if (recovered > 0 && redundancyRestored(nic, recovered)) {
     post(kDvPortRedundancyRestored, dvPorts_.redundancyRestored);
     dvPorts_.redundancyRestored.clear();
   }
@@ -473,6 +544,7 @@ constexpr const char* kGroups[] = {"net"};
 
 }  // namespace
 
-constinit const CorrelatorInfo kNetCorrelator = {"net", kGroups, {}, runNet, kNetRows, kNetJudged};
+constinit const CorrelatorInfo kNetCorrelator = {"net",    kGroups,    {},      runNet,
+                                                 kNetRows, kNetJudged, nullptr, kNetDecisions};
 
 }  // namespace keld

@@ -4,36 +4,20 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <map>
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "keldCorrelator.h"
 #include "keldFramework.h"
 #include "keldLinkFlapping.h"
+#include "keldUplinkSide.h"
 
 namespace keld {
 
 /// What the agent starter and the catalogue know of this correlator.
 extern const CorrelatorInfo kNetCorrelator;
-
-/// The transitions, losses and recoveries of port groups, or of distributed ports.
-struct UplinkSide {
-  struct Transition {
-    std::string item;  // port group name, or DVPort label
-    std::int32_t activeUplinks;
-    std::int32_t extra = 0;  // of a down observation; never consulted
-  };
-  using Transitions = std::map<std::string, std::vector<Transition>>;  // by NIC, in order of arrival
-  using Register = std::vector<std::pair<std::string, std::string>>;   // NIC, item
-
-  Transitions down;
-  Transitions up;
-  Register connectivityLost;
-  Register redundancyLost;
-  std::vector<std::string> redundancyRestored;  // waits until no redundancy loss is on record
-};
 
 /// The correlator's state and judgement. All calls are made by one thread at a time.
 class NetCorrelator {
@@ -69,12 +53,29 @@ class NetCorrelator {
   [[nodiscard]] bool isSet(std::uint32_t flags, const std::string& nic) const;
   void clearFlag(std::uint32_t flag, const std::string& nic);
   void arm(std::uint32_t seconds, std::int64_t now);
-  void schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic);
+  /// Seconds until the timer fires.
+  [[nodiscard]] std::int64_t secondsToTimer(std::int64_t now) const;
+  /// Returns in how many seconds the record is settled, unless a later one moves the timer.
+  std::int64_t schedule(std::uint32_t timeoutSeconds, std::uint32_t flag, const std::string& nic);
+
+  [[nodiscard]] bool hasTimer(std::uint32_t flag, const std::string& nic) const;
+  /// The first of the flags that is set; 0 where none is.
+  [[nodiscard]] std::uint32_t firstSet(std::initializer_list<std::uint32_t> flags, const std::string& nic) const;
+  void putOnRecord(UplinkSide::Transitions& transitions, std::uint32_t flag, const std::string& nic,
+                   UplinkSide::Transition transition);
+  void linkChanged(std::uint32_t flag, std::uint32_t covering, const std::string& nic);
 
   void handleDue(std::uint32_t flag, const std::string& nic);
+  void transitionsDue(std::uint32_t flag, const std::string& nic);
+  [[nodiscard]] bool linkSpeaks(std::uint32_t flag, std::uint32_t covering, const std::string& nic) const;
   void linkDownDue(const std::string& nic);
   void linkUpDue(const std::string& nic);
   void watchdogDue(const std::string& nic);
+  /// The quoted name of the switch that the transitions are about; empty where the look-up fails.
+  [[nodiscard]] std::string switchOf(const UplinkSide::List& transitions, const std::string& nic) const;
+  /// True where no loss is on record, so that recoveries are reported.
+  [[nodiscard]] bool connectivityRestored(const std::string& nic, std::int64_t named) const;
+  [[nodiscard]] bool redundancyRestored(const std::string& nic, std::int64_t named) const;
   void reportPortGroupsDown(const std::string& nic);
   void reportPortGroupsUp(const std::string& nic);
   void reportDvPortsDown(const std::string& nic);

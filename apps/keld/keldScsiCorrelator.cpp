@@ -31,6 +31,77 @@ constexpr std::uint32_t kNoUsablePath = 1;
 constexpr std::uint32_t kOneUsablePath = 2;
 constexpr std::uint32_t kMoreUsablePaths = 3;
 
+namespace why {
+
+using Number = std::int64_t;
+using Name = std::string_view;
+
+constexpr Decides<Name> kWasNotUsable{DecisionKind::holds, "scsi.path.was-not-usable",
+                                      "no event: previous state \"{}\" was not usable"};
+constexpr Decides<Name> kWasNotDown{DecisionKind::holds, "scsi.path.was-not-down",
+                                    "no event: previous state \"{}\" was not down"};
+constexpr Decides<> kPathUnknown{DecisionKind::holds, "scsi.path.unknown",
+                                 "no event: the path's device cannot be looked up"};
+constexpr Decides<Name> kDeviceUnknown{DecisionKind::holds, "scsi.path.device-unknown",
+                                       "no event: device {} cannot be looked up"};
+constexpr Decides<Number, Name> kRedundancyNotTold{DecisionKind::holds, "scsi.path.redundancy-not-told",
+                                                   "no event: redundancy state {} of device {} tells nothing"};
+constexpr Decides<Number, Name> kConnectivityLost{DecisionKind::concludes, "scsi.path.connectivity-lost",
+                                                  "redundancy state {} of device {}: connectivity lost"};
+constexpr Decides<Number, Name> kRedundancyLost{DecisionKind::concludes, "scsi.path.redundancy-lost",
+                                                "redundancy state {} of device {}: redundancy lost"};
+constexpr Decides<Number, Name> kRedundancyDegraded{DecisionKind::concludes, "scsi.path.redundancy-degraded",
+                                                    "redundancy state {} of device {}: redundancy degraded"};
+constexpr Decides<Number, Name> kOddState{
+    DecisionKind::holds, "scsi.path.odd-state",
+    "no event: redundancy state {} of device {} is none that is reported; the path counts as reported down"};
+constexpr Decides<Name> kNotReportedDown{DecisionKind::holds, "scsi.path.not-reported-down",
+                                         "no event: the path was not reported down for device {}"};
+constexpr Decides<Name> kMarkDropped{DecisionKind::forgets, "scsi.path.mark-dropped",
+                                     "no longer counts as reported down for device {}"};
+constexpr Decides<Number, Name> kStillLost{DecisionKind::holds, "scsi.path.still-lost",
+                                           "no event: redundancy state {} of device {}: no usable path"};
+constexpr Decides<Number, Name> kConnectivityRestored{DecisionKind::concludes, "scsi.path.connectivity-restored",
+                                                      "redundancy state {} of device {}: connectivity restored"};
+constexpr Decides<Number, Name> kRedundancyRestored{DecisionKind::concludes, "scsi.path.redundancy-restored",
+                                                    "redundancy state {} of device {}: redundancy restored"};
+constexpr Decides<Name> kFrequentChanges{DecisionKind::concludes, "scsi.frequency.changes",
+                                         "frequent state changes reported, device {}"};
+constexpr Decides<Name> kFrequentResets{DecisionKind::concludes, "scsi.frequency.path-resets",
+                                        "frequent power-on resets reported, device {}"};
+constexpr Decides<> kFrequentDeviceResets{DecisionKind::concludes, "scsi.frequency.device-resets",
+                                          "frequent power-on resets reported of the device, as no path has this name"};
+
+constexpr const Decision* kAll[] = {
+    &kWasNotUsable,
+    &kWasNotDown,
+    &kPathUnknown,
+    &kDeviceUnknown,
+    &kRedundancyNotTold,
+    &kConnectivityLost,
+    &kRedundancyLost,
+    &kRedundancyDegraded,
+    &kOddState,
+    &kNotReportedDown,
+    &kMarkDropped,
+    &kStillLost,
+    &kConnectivityRestored,
+    &kRedundancyRestored,
+    &kFrequentChanges,
+    &kFrequentResets,
+    &kFrequentDeviceResets,
+    &frequencyWhy::kReset,
+    &frequencyWhy::kAged,
+    &frequencyWhy::kFirstAged,
+    &frequencyWhy::kRemoved,
+    &frequencyWhy::kNotCounted,
+    &frequencyWhy::kBelow,
+    &frequencyWhy::kReached,
+    &frequencyWhy::kAbove,
+};
+
+}  // namespace why
+
 struct PathState {
   std::string path;
   std::string previous;
@@ -52,13 +123,6 @@ bool isDown(const std::string& state) {
 
 std::string affectedDatastores(const std::string& device) {
   return GetAffectedDatastores(device).value_or(kUnknown);
-}
-
-/// The datastores of a frequent event's device; nothing where the device is not known.
-std::optional<std::string> datastoresOfKnown(const std::string& device) {
-  const auto state = pathRedundancyState(device);
-  if (!state) return std::nullopt;
-  return *state == kNotTold ? kUnknown : affectedDatastores(device);
 }
 
 void postAffecting(Post& post, const AffectingRow& row, const Kel* observation) {
@@ -99,51 +163,101 @@ HandlerTable ScsiCorrelator::handlers() {
   return handlers;
 }
 
+std::optional<std::string> ScsiCorrelator::deviceBehind(const std::string& path) const {
+  std::optional<std::string> device = deviceOfPath(path);
+  if (!device) why::kPathUnknown.report(services_.decisions, path);
+  return device;
+}
+
+std::optional<std::uint32_t> ScsiCorrelator::redundancyState(const std::string& device, const std::string& path) const {
+  const std::optional<std::uint32_t> state = pathRedundancyState(device);
+  if (!state) why::kDeviceUnknown.report(services_.decisions, path, device);
+  return state;
+}
+
+/// The datastores of a frequent event's device.
+std::optional<std::string> ScsiCorrelator::datastoresOfKnown(const std::string& device, const std::string& path) const {
+  const auto state = redundancyState(device, path);
+  if (!state) return std::nullopt;
+  return *state == kNotTold ? kUnknown : affectedDatastores(device);
+}
+
 void ScsiCorrelator::pathDown(const Kel* observation) {
   const auto change = readPathState(observation);
   if (!change) return;
-  trackPathStateChange(change->path, PathFrequency::Change::happened);
-  if (!isUsable(change->previous)) return;
-  const auto device = deviceOfPath(change->path);
+  const std::string& path = change->path;
+  DecisionListener* const decisions = services_.decisions;
+  trackPathStateChange(path, PathFrequency::Change::happened);
+  if (!isUsable(change->previous)) {
+    why::kWasNotUsable.report(decisions, path, change->previous);
+    return;
+  }
+  const auto device = deviceBehind(path);
   if (!device) return;
-  const auto state = pathRedundancyState(*device);
-  if (!state || *state == kNotTold) return;
+  const auto state = redundancyState(*device, path);
+  if (!state) return;
+  if (*state == kNotTold) {
+    why::kRedundancyNotTold.report(decisions, path, *state, *device);
+    return;
+  }
   const std::string datastores = affectedDatastores(*device);
-  const auto post = [&](const auto& event) {
-    event.post(services_.post, device->c_str(), change->path.c_str(), datastores.c_str());
+  const auto post = [&](const auto& decision, const auto& event) {
+    decision.report(decisions, path, *state, *device);
+    event.post(services_.post, device->c_str(), path.c_str(), datastores.c_str());
   };
-  if (*state == kNoUsablePath) post(kPathConnectivityLost);
-  if (*state == kOneUsablePath) post(kPathRedundancyLost);
-  if (*state == kMoreUsablePaths) post(kPathRedundancyDegraded);
+  if (*state == kNoUsablePath) post(why::kConnectivityLost, kPathConnectivityLost);
+  if (*state == kOneUsablePath) post(why::kRedundancyLost, kPathRedundancyLost);
+  if (*state == kMoreUsablePaths) post(why::kRedundancyDegraded, kPathRedundancyDegraded);
+  if (*state > kMoreUsablePaths) why::kOddState.report(decisions, path, *state, *device);
   // Kept: also where a state beyond these was reported by nothing.
-  pathDownReported_[change->path + *device] = 1;
+  pathDownReported_[path + *device] = 1;
 }
 
 void ScsiCorrelator::pathUp(const Kel* observation) {
   const auto change = readPathState(observation);
   if (!change) return;
-  trackPathStateChange(change->path, PathFrequency::Change::happened);
-  if (!isDown(change->previous)) return;
-  const auto device = deviceOfPath(change->path);
+  const std::string& path = change->path;
+  DecisionListener* const decisions = services_.decisions;
+  trackPathStateChange(path, PathFrequency::Change::happened);
+  if (!isDown(change->previous)) {
+    why::kWasNotDown.report(decisions, path, change->previous);
+    return;
+  }
+  const auto device = deviceBehind(path);
   if (!device) return;
   // Kept: a path that was never reported down leaves its entry behind.
-  const std::string key = change->path + *device;
-  if (pathDownReported_[key] == 0) return;
+  const std::string key = path + *device;
+  if (pathDownReported_[key] == 0) {
+    why::kNotReportedDown.report(decisions, path, *device);
+    return;
+  }
   pathDownReported_.erase(key);
-  const auto state = pathRedundancyState(*device);
-  if (!state || *state == kNotTold) return;
-  const std::string datastores = affectedDatastores(*device);
-  const auto post = [&](const auto& event) {
-    event.post(services_.post, device->c_str(), datastores.c_str(), change->path.c_str());
+  why::kMarkDropped.report(decisions, path, *device);
+  reportUp(path, *device);
+}
+
+void ScsiCorrelator::reportUp(const std::string& path, const std::string& device) const {
+  DecisionListener* const decisions = services_.decisions;
+  const auto state = redundancyState(device, path);
+  if (!state) return;
+  if (*state == kNotTold) {
+    why::kRedundancyNotTold.report(decisions, path, *state, device);
+    return;
+  }
+  const std::string datastores = affectedDatastores(device);
+  const auto post = [&](const auto& decision, const auto& event) {
+    decision.report(decisions, path, *state, device);
+    event.post(services_.post, device.c_str(), datastores.c_str(), path.c_str());
   };
   switch (*state) {
     case kNoUsablePath:
+      why::kStillLost.report(decisions, path, *state, device);
       break;
     case kOneUsablePath:
-      post(kPathConnectivityRestored);
+      post(why::kConnectivityRestored, kPathConnectivityRestored);
       break;
     case kMoreUsablePaths:
-      post(kPathRedundancyRestored);
+      post(why::kRedundancyRestored, kPathRedundancyRestored);
       break;
     default:
       Panic("NOT_REACHED %s:%d\n", kSource, kImpossibleStateLine);
@@ -151,11 +265,12 @@ void ScsiCorrelator::pathUp(const Kel* observation) {
 }
 
 void ScsiCorrelator::trackPathStateChange(const std::string& path, PathFrequency::Change change) {
-  if (!pathStateChanges_.track(path, change, services_.nowSeconds())) return;
-  const auto device = deviceOfPath(path);
+  if (!pathStateChanges_.track(path, change, services_.nowSeconds(), services_.decisions)) return;
+  const auto device = deviceBehind(path);
   if (!device) return;
-  const auto datastores = datastoresOfKnown(*device);
+  const auto datastores = datastoresOfKnown(*device, path);
   if (!datastores) return;
+  why::kFrequentChanges.report(services_.decisions, path, *device);
   kFrequentPathStateChanges.post(services_.post, path.c_str(), device->c_str(), datastores->c_str());
 }
 
@@ -181,14 +296,17 @@ void ScsiCorrelator::powerOnReset(const Kel* observation) {
   Arguments arguments(observation);
   const std::string name = arguments.text();
   if (arguments.failed()) return;
-  if (!powerOnResets_.track(name, PathFrequency::Change::happened, services_.nowSeconds())) return;
+  DecisionListener* const decisions = services_.decisions;
+  if (!powerOnResets_.track(name, PathFrequency::Change::happened, services_.nowSeconds(), decisions)) return;
   const auto deviceBehindPath = deviceOfPath(name);
   const std::string device = deviceBehindPath.value_or(name);
-  const auto datastores = datastoresOfKnown(device);
+  const auto datastores = datastoresOfKnown(device, name);
   if (!datastores) return;
   if (deviceBehindPath) {
+    why::kFrequentResets.report(decisions, name, device);
     kFrequentPathResets.post(services_.post, name.c_str(), device.c_str(), datastores->c_str());
   } else {
+    why::kFrequentDeviceResets.report(decisions, name);
     kFrequentDeviceResets.post(services_.post, device.c_str(), datastores->c_str());
   }
 }
@@ -222,6 +340,6 @@ constexpr const char* kGroups[] = {"scsi"};
 }  // namespace
 
 constinit const CorrelatorInfo kScsiCorrelator = {
-    "scsi", kGroups, {}, runPlain<kScsiCorrelator>, kScsiRows, kScsiJudged, makeCorrelator<ScsiCorrelator>};
+    "scsi", kGroups, {}, runPlain<kScsiCorrelator>, kScsiRows, kScsiJudged, makeCorrelator<ScsiCorrelator>, why::kAll};
 
 }  // namespace keld

@@ -2,7 +2,9 @@
 // storage devices.
 #pragma once
 
+#include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "keldCorrelator.h"
@@ -19,14 +21,19 @@ class ScsiCorrelator final : public Correlator {
  private:
   void pathDown(const Kel* observation);
   void pathUp(const Kel* observation);
+  void reportUp(const std::string& path, const std::string& device) const;
   void pathAddedOrRemoved(const Kel* observation);
   void powerOnReset(const Kel* observation);
   void badPath(const Kel* observation);
+  /// Each look-up is empty where the host knows nothing.
+  [[nodiscard]] std::optional<std::string> deviceBehind(const std::string& path) const;
+  [[nodiscard]] std::optional<std::uint32_t> redundancyState(const std::string& device, const std::string& path) const;
+  [[nodiscard]] std::optional<std::string> datastoresOfKnown(const std::string& device, const std::string& path) const;
   void trackPathStateChange(const std::string& path, PathFrequency::Change change);
 
   Services& services_;
-  PathFrequency pathStateChanges_;
-  PathFrequency powerOnResets_;
+  PathFrequency pathStateChanges_{"state changes"};
+  PathFrequency powerOnResets_{"power-on resets"};
   /// 1 for a path of a device, by both names put together, that was reported down.
   std::map<std::string, std::uint32_t> pathDownReported_;
 };
