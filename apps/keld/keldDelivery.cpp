@@ -79,6 +79,7 @@ void Delivery::VProb_Enqueue(const void* record, std::size_t length) {
     const auto* bytes = static_cast<const char*>(record);
     Entry entry{0, std::vector<char>(bytes, bytes + length)};
     const std::lock_guard lock(mutex_);
+    kEventQueued.report(decisions_, eventName(entry.data), kRetrySeconds);
     queue_.push_back(std::move(entry));
   } catch (const std::bad_alloc&) {
     return;  // the event is lost; the timer stays as it is
@@ -97,13 +98,16 @@ void Delivery::VProb_FlushQueue() {
       if (VProb_SendNow(entry.data.data(), entry.data.size()) == 0) {
         Log("Successfully sent event (%s) after %d failure%s.\n", eventName(entry.data), entry.failures + 1,
             entry.failures == 0 ? "" : "s");
+        kEventResent.report(decisions_, eventName(entry.data), entry.failures + 1);
         return true;
       }
       if (++entry.failures > kMaxFailures) {
         Log("Abandoned event (%s) after %d failures.\n", eventName(entry.data), entry.failures + 1);
+        kEventLost.report(decisions_, eventName(entry.data), entry.failures + 1);
         return true;
       }
       Log("Failed to send event (%s); %d failures so far.\n", eventName(entry.data), entry.failures + 1);
+      kEventWaiting.report(decisions_, eventName(entry.data), entry.failures + 1, kRetrySeconds);
       kept = true;
       return false;
     });

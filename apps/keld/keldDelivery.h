@@ -9,9 +9,20 @@
 #include <string>
 #include <vector>
 
+#include "keldDecision.h"
 #include "keldTimer.h"
 
 namespace keld {
+
+// What became of an event that could not be sent at once; the subject is the event.
+inline constexpr Decides<std::int64_t> kEventQueued{DecisionKind::waits, "posting.queued",
+                                                    "could not be sent, to be tried again within {} s", -1};
+inline constexpr Decides<std::int64_t> kEventResent{DecisionKind::concludes, "posting.resent",
+                                                    "sent from the retry queue; failures before: {}"};
+inline constexpr Decides<std::int64_t, std::int64_t> kEventWaiting{
+    DecisionKind::waits, "posting.waiting", "still not sent; failures so far: {}, to be tried again in {} s", -2};
+inline constexpr Decides<std::int64_t> kEventLost{DecisionKind::forgets, "posting.lost",
+                                                  "given up, and lost; failures: {}"};
 
 /// Sends event records, one connection each. From any thread; one object for the process.
 class Delivery {
@@ -20,14 +31,18 @@ class Delivery {
   static constexpr std::int32_t kMaxFailures = 4;
   static constexpr int kSendTimeoutSeconds = 5;
 
-  Delivery(std::string socketPath, Timers& timers) : socketPath_(std::move(socketPath)), timers_(timers) {}
+  Delivery(std::string socketPath, Timers& timers, DecisionListener* decisions = nullptr)
+      : socketPath_(std::move(socketPath)), timers_(timers), decisions_(decisions) {}
+  Delivery(const Delivery&) = delete;
+  Delivery& operator=(const Delivery&) = delete;
+  virtual ~Delivery() = default;
 
   /// Creates the retry timer; called once, before any record is queued.
   void createRetryTimer();
 
   /// One attempt. Returns 0 when every byte was sent, -1 otherwise. Logs nothing. Waits at most
   /// kSendTimeoutSeconds, and not at all while the receiver is known to be stalled.
-  int VProb_SendNow(const void* record, std::size_t length);
+  virtual int VProb_SendNow(const void* record, std::size_t length);
   /// Queues a copy of the record and sees to it that the retry timer is armed.
   void VProb_Enqueue(const void* record, std::size_t length);
   /// Tries every queued record once, the oldest first; the retry timer's callback.
@@ -41,6 +56,7 @@ class Delivery {
 
   std::string socketPath_;
   Timers& timers_;
+  DecisionListener* decisions_;
   int retryTimer_ = kNoTimer;
   std::atomic<bool> armed_{false};
   // The last connection timed out: until one succeeds, attempts do not wait, so that a receiver

@@ -48,11 +48,17 @@ std::size_t secondsText(std::time_t seconds, char* buffer, std::size_t size) {
   return last.length;
 }
 
-void sinkLine(LogSink& sink, const char* format, std::va_list args) {
+CString formatted(const char* format, std::va_list args) {
   char* text = nullptr;
-  if (vasprintf(&text, format, args) < 0) return;
-  const CString owned(text);
-  sink.line(text);
+  return CString(vasprintf(&text, format, args) < 0 ? nullptr : text);
+}
+
+void sinkLine(LogSink& sink, const char* format, std::va_list args) {
+  if (const CString text = formatted(format, args)) sink.line(text.get());
+}
+
+void sinkPanic(LogSink& sink, const char* format, std::va_list args) {
+  if (const CString text = formatted(format, args)) sink.panic(text.get());
 }
 
 void logArguments(const char* format, std::va_list args) {
@@ -77,6 +83,11 @@ void Log(const char* format, ...) {
 
 void Panic(const char* format, ...) {
   std::va_list args;
+  if (LogSink* sink = logSink.load(std::memory_order_acquire); sink != nullptr) {
+    va_start(args, format);
+    sinkPanic(*sink, format, args);
+    va_end(args);
+  }
   va_start(args, format);
   std::fputs("Keld - Panic: ", stderr);
   std::vfprintf(stderr, format, args);

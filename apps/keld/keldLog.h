@@ -41,6 +41,9 @@ class LogSink {
   virtual ~LogSink() = default;
   /// Takes one formatted line without its time stamp. Called from any thread.
   virtual void line(const char* text) = 0;
+  /// Takes the message of a Panic before anything else is done of it. A tool that must go on where the
+  /// daemon would end leaves by an exception, which no handler takes if it is no standard one.
+  virtual void panic(const char* /*text*/) {}
 };
 
 /// Redirects Log to `sink`, nullptr: to the system log again. Returns the sink before. The sink

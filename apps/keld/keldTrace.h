@@ -44,14 +44,29 @@ class TraceHistory {
 void renderTraceLine(std::string& line, WallTime renderedAt, const char* direction, std::uint64_t timestampUs,
                      const char* id, const void* arguments, std::uint32_t count, const void* end);
 
+/// Where posting has its events traced. From any thread.
+class EventTrace {
+ public:
+  EventTrace() = default;
+  EventTrace(const EventTrace&) = delete;
+  EventTrace& operator=(const EventTrace&) = delete;
+  virtual ~EventTrace() = default;
+
+  /// Traces a posted event record as "OUT".
+  virtual void Trace_Event(const void* record) = 0;
+};
+
+/// Writes the "OUT" line of an event record; it replaces what `line` held.
+void renderTraceEvent(std::string& line, WallTime renderedAt, const void* record);
+
 /// Serves trace clients, each with a reader and a writer thread. Trace_* may be called from any
 /// thread; the object must outlive the process's threads.
-class TraceServer {
+class TraceServer final : public EventTrace {
  public:
   explicit TraceServer(Clock& clock);
   TraceServer(const TraceServer&) = delete;
   TraceServer& operator=(const TraceServer&) = delete;
-  ~TraceServer();
+  ~TraceServer() override;
 
   /// Makes the listening socket at `path`. Returns its descriptor, which is the caller's, or -1
   /// with errno set: ENAMETOOLONG for 108 characters and more.
@@ -64,8 +79,7 @@ class TraceServer {
 
   void Trace_Render(const char* direction, std::uint64_t timestampUs, const char* id, const void* arguments,
                     std::uint32_t count, const void* end);
-  /// Traces a posted event record as "OUT".
-  void Trace_Event(const void* record);
+  void Trace_Event(const void* record) override;
   /// Traces a raw observation record of `length` bytes, whose identifier is terminated inside, as "IN".
   void Trace_Observation(const void* record, std::size_t length);
 

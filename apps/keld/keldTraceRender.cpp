@@ -97,12 +97,19 @@ void TraceServer::Trace_Render(const char* direction, std::uint64_t timestampUs,
   Trace_AddLine(line);
 }
 
-void TraceServer::Trace_Event(const void* record) {
+void renderTraceEvent(std::string& line, WallTime renderedAt, const void* record) {
   const auto* bytes = static_cast<const char*>(record);
   const auto nameLength = record::load<std::uint32_t>(record, record::kNameLength);
-  Trace_Render("OUT", record::load<std::uint64_t>(record, record::kTimestamp), bytes + record::kName,
-               bytes + record::kName + nameLength, record::load<std::uint32_t>(record, record::kArgumentCount),
-               bytes + record::load<std::uint32_t>(record, record::kTotalLength));
+  renderTraceLine(line, renderedAt, "OUT", record::load<std::uint64_t>(record, record::kTimestamp),
+                  bytes + record::kName, bytes + record::kName + nameLength,
+                  record::load<std::uint32_t>(record, record::kArgumentCount),
+                  bytes + record::load<std::uint32_t>(record, record::kTotalLength));
+}
+
+void TraceServer::Trace_Event(const void* record) {
+  static thread_local std::string line;
+  renderTraceEvent(line, clock_.wall(), record);
+  Trace_AddLine(line);
 }
 
 void TraceServer::Trace_Observation(const void* record, std::size_t length) {

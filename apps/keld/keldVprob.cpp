@@ -142,6 +142,10 @@ void VProb::compose(bool queueOnly, const char* prefix, const char* remainder, c
   const WallTime now = clock_.wall();
   if (!rateLimit_.allow(std::chrono::floor<std::chrono::seconds>(now.time_since_epoch()).count())) {
     Log("Event rate limit reached. Dropping vprob: %s%s\n", prefix, remainder);
+    if (decisions_ != nullptr) {
+      kEventDropped.report(decisions_, std::string(prefix) + remainder, RateLimit::kMaxPosts,
+                           RateLimit::kPeriodSeconds);
+    }
     return;
   }
   const std::size_t nameLength = std::strlen(prefix) + std::strlen(remainder) + 1;

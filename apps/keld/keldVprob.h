@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "keldDecision.h"
 #include "keldDelivery.h"
 #include "keldPost.h"
 #include "keldTrace.h"
@@ -27,10 +28,16 @@ class RateLimit {
   std::atomic<std::int32_t> periodCount_{0};
 };
 
+/// Dropped for the rate limit; the subject is the event.
+inline constexpr Decides<std::int64_t, std::int64_t> kEventDropped{
+    DecisionKind::holds, "posting.dropped",
+    "dropped: more than {} events in the {} s that began with the first of them"};
+
 /// The daemon's posting: one object for the process.
 class VProb final : public Post {
  public:
-  VProb(Clock& clock, TraceServer& trace, Delivery& delivery) : clock_(clock), trace_(trace), delivery_(delivery) {}
+  VProb(Clock& clock, EventTrace& trace, Delivery& delivery, DecisionListener* decisions = nullptr)
+      : clock_(clock), trace_(trace), delivery_(delivery), decisions_(decisions) {}
 
   /// Creates the retry timer and reads the host's identity; called once, before any post.
   void VProb_Init();
@@ -42,8 +49,9 @@ class VProb final : public Post {
                std::va_list args);
 
   Clock& clock_;
-  TraceServer& trace_;
+  EventTrace& trace_;
   Delivery& delivery_;
+  DecisionListener* decisions_;
   RateLimit rateLimit_;
   std::array<char, 38> hostIdentity_{};  // written by VProb_Init only
 };

@@ -13,6 +13,7 @@
 
 #include "host/complaints.h"
 #include "host/files.h"
+#include "host/host.h"
 #include "host/paths.h"
 #include "platform/clock.h"
 
@@ -31,6 +32,10 @@ std::string processUser() {
 }
 
 int append(const char* record, const char* user, const char* text, bool flag) {
+  if (platform::Keeper* const keeper = platform::currentHost().keeper(); keeper != nullptr) {
+    keeper->keepAudit(record, user != nullptr ? user : "");
+    return 0;
+  }
   using Json = nlohmann::ordered_json;
   const auto now = std::chrono::floor<std::chrono::microseconds>(systemClock().wall());
   const Json line{{"time_us", now.time_since_epoch().count()},

@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -24,7 +25,7 @@ struct Object {
 };
 
 struct Store {
-  platform::Database database;
+  std::optional<platform::Database> database;  ///< none where a keeper takes what is stored
 };
 
 namespace {
@@ -132,6 +133,10 @@ void DestroyConfigStoreObject(Object* object) {
 int GetStore(int flags, Store** store) {
   if (flags != 0 || store == nullptr) return EINVAL;
   return guarded([&] {
+    if (platform::currentHost().keeper() != nullptr) {
+      *store = new Store{};
+      return 0;
+    }
     auto opened = Database::openOrCreate();
     if (!opened.ok()) return failed(opened.outcome);
     *store = new Store{std::move(opened.value)};
@@ -145,7 +150,12 @@ int SetCachedData(Store* store, const Object* object) {
     if (const Outcome trouble = platform::currentHost().storeTrouble("store.write"); !trouble.ok()) {
       return failed(trouble);
     }
-    Outcome written = store->database.inTransaction([&] { return writeObject(store->database, *object); });
+    if (platform::Keeper* const keeper = platform::currentHost().keeper(); keeper != nullptr) {
+      keeper->keepObject(object->names.front(), object->values);
+      return 0;
+    }
+    if (!store->database) return EBADF;
+    Outcome written = store->database->inTransaction([&] { return writeObject(*store->database, *object); });
     return written.ok() ? 0 : failed(written);
   });
 }

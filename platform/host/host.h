@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -101,6 +102,20 @@ struct VmKill {
 struct SwapReconfigure {};
 using Action = std::variant<NicDown, CpuOffline, PageRetire, VmKill, SwapReconfigure>;
 
+/// Takes what would else be kept on this machine's disk.
+class Keeper {
+ public:
+  Keeper() = default;
+  Keeper(const Keeper&) = delete;
+  Keeper& operator=(const Keeper&) = delete;
+  virtual ~Keeper() = default;
+
+  /// A record of the audit trail.
+  virtual void keepAudit(const std::string& record, const std::string& user) = 0;
+  /// An object of the configuration store, with its values in their order.
+  virtual void keepObject(const std::string& name, const std::vector<std::pair<std::string, std::string>>& values) = 0;
+};
+
 /// Facts and actions of one host. Every method may be called from any thread.
 class Host {
  public:
@@ -181,6 +196,9 @@ class Host {
   /// What an action would do at this moment, in one line, or why it would fail. Nothing is done and
   /// nothing recorded.
   [[nodiscard]] virtual Answer<std::string> plan(const Action& action) const = 0;
+
+  /// Where there is one, nothing of this machine's state and configuration directories is read or written.
+  [[nodiscard]] virtual Keeper* keeper() { return nullptr; }
 
   /// Provoked or real trouble of what is kept: "store.create" and "store.write" of the configuration
   /// store, "option.set" of an option.

@@ -84,11 +84,12 @@ Answer<OptionFacts> readOption(const std::string& name) {
   // The host comes first only to learn whether it makes the reading fail.
   const Answer<std::optional<std::int64_t>> host = currentHost().optionValue(name);
   if (!host.ok()) return {host.outcome, {}};
-  const Answer<std::optional<std::int64_t>> stored = storedOption(name);
+  const bool alone = currentHost().keeper() != nullptr;
+  const Answer<std::optional<std::int64_t>> stored = alone ? Answer<std::optional<std::int64_t>>{} : storedOption(name);
   if (!stored.ok()) return {withLog(stored.outcome), {}};
   if (stored.value) return answer(*stored.value, kStored);
   if (host.value) return answer(*host.value, kFromHost);
-  const auto file = fileOptions();
+  const auto file = alone ? std::map<std::string, std::int64_t>() : fileOptions();
   if (const auto found = file.find(name); found != file.end()) return answer(found->second, kFromFile);
   for (const Default& preset : kDefaults) {
     if (name == preset.name) return answer(preset.value, kFromDefaults);

@@ -23,14 +23,6 @@ std::string textOf(const Line& line) {
   return line.dump(-1, ' ', false, Line::error_handler_t::replace);
 }
 
-Outcome recordAction(const std::string& text) {
-  const std::string path = runDirectory() + "/host-actions.jsonl";
-  const int status = appendLine(path, text);
-  if (status == 0) return {};
-  logSparsely(path, "cannot write " + path + ": " + errnoText(status));
-  return {status, {}};
-}
-
 template <typename T>
 Answer<T> valueOr(const std::optional<T>& value, const char* what) {
   if (value) return {{}, *value};
@@ -89,7 +81,7 @@ ModelHost::ModelHost(std::string file) : given_(std::move(file)) {
   file_ = error ? given_ : absolute.string();
 }
 
-Answer<ModelFile> ModelHost::read() const {
+std::shared_ptr<const Answer<ModelFile>> ModelHost::model() const {
   const Answer<std::string> content = readFile(file_, kModelFileBytes);
   Answer<ModelFile> model;
   if (content.ok()) {
@@ -99,16 +91,16 @@ Answer<ModelFile> ModelHost::read() const {
   }
   if (!model.ok()) logSparsely(file_, "model " + file_ + ": " + reasonOf(model.outcome) + "; every query fails");
   if (!content.ok()) model.outcome.text = "model " + file_ + ": " + reasonOf(content.outcome);
-  return model;
+  return std::make_shared<const Answer<ModelFile>>(std::move(model));
 }
 
 /// Asks `find` unless the file is no model or makes `operation` (if any) fail.
 template <typename T, typename Find>
 Answer<T> ModelHost::query(const std::string& operation, const Find& find) const {
-  const Answer<ModelFile> model = read();
-  if (!model.ok()) return {model.outcome, {}};
-  if (Outcome failure = model.value.failureOf(operation); !failure.ok()) return {std::move(failure), {}};
-  return find(model.value);
+  const auto known = model();
+  if (!known->ok()) return {known->outcome, {}};
+  if (Outcome failure = known->value.failureOf(operation); !failure.ok()) return {std::move(failure), {}};
+  return find(known->value);
 }
 
 std::string ModelHost::describe() const {
@@ -151,7 +143,7 @@ std::vector<std::string> ModelHost::optionNames() const {
 
 void ModelHost::optionWasSet(const std::string& name, std::int64_t value) {
   // The value is stored already, so a line that cannot be written is mentioned in the log only.
-  (void)recordAction(textOf({{"action", "option.set"}, {"option", name}, {"value", value}}));
+  (void)record(textOf({{"action", "option.set"}, {"option", name}, {"value", value}}));
 }
 
 Answer<PortGroupFacts> ModelHost::portGroup(const std::string& name) const {
@@ -297,9 +289,17 @@ Answer<std::string> ModelHost::plan(const Action& action) const {
   return {{}, textOf(line.value)};
 }
 
-Outcome ModelHost::act(const Action& action) const {
+Outcome ModelHost::record(const std::string& line) {
+  const std::string path = runDirectory() + "/host-actions.jsonl";
+  const int status = appendLine(path, line);
+  if (status == 0) return {};
+  logSparsely(path, "cannot write " + path + ": " + errnoText(status));
+  return {status, {}};
+}
+
+Outcome ModelHost::act(const Action& action) {
   const Answer<std::string> line = plan(action);
-  return line.ok() ? recordAction(line.value) : line.outcome;
+  return line.ok() ? record(line.value) : line.outcome;
 }
 
 }  // namespace platform

@@ -37,7 +37,7 @@ class ModelHost : public Host {
   [[nodiscard]] Outcome storeTrouble(const std::string& operation) const override;
 
   /// The whole file as it is now.
-  [[nodiscard]] Answer<ModelFile> read() const;
+  [[nodiscard]] Answer<ModelFile> read() const { return *model(); }
 
   [[nodiscard]] Answer<std::string> deviceOfPath(const std::string& path) const override;
   [[nodiscard]] Answer<StorageDevice> storageDevice(const std::string& name) const override;
@@ -65,8 +65,14 @@ class ModelHost : public Host {
   /// The line that the action would append.
   [[nodiscard]] Answer<std::string> plan(const Action& action) const override;
 
+ protected:
+  /// What answers a query: the file, read afresh.
+  [[nodiscard]] virtual std::shared_ptr<const Answer<ModelFile>> model() const;
+  /// Takes the line of an action that is to be done.
+  virtual Outcome record(const std::string& line);
+
  private:
-  Outcome act(const Action& action) const;
+  Outcome act(const Action& action);
   template <typename T, typename Find>
   [[nodiscard]] Answer<T> query(const std::string& operation, const Find& find) const;
 
