@@ -1,6 +1,9 @@
 // The clock correlator watches the discipline of the system clock: parameters set, state reset, large
 // steps, synchronisation gained and lost. Each identifier is reported at most once an hour; a loss of
 // synchronisation lets the next regain be reported however soon it comes.
+#include <optional>
+#include <string_view>
+
 #include "keldArguments.h"
 #include "keldCorrelator.h"
 #include "keldHoldOff.h"
@@ -43,9 +46,32 @@ constexpr auto kSyncRows = table("kel.clock.", {
 });
 // clang-format on
 
+constexpr std::string_view kGroupPrefix = "kel.clock.";
 constexpr const char* kSynchronised = "kel.clock.correction.adjtime.sync";
 
 constexpr auto kClockRows = joinTables(kParameterRows, kDeltaRows, kSyncRows);
+
+namespace why {
+
+using Number = std::int64_t;
+
+constexpr Decides<> kNever{DecisionKind::concludes, "clock.never", "never posted before, so not held off"};
+constexpr Decides<> kFree{DecisionKind::concludes, "clock.free",
+                          "never posted before, or not since the last loss of synchronisation, so not held off"};
+constexpr Decides<Number, Number> kOver{DecisionKind::concludes, "clock.over",
+                                        "not held off: last posted {} s ago, limit {} s"};
+constexpr Decides<Number> kBegins{DecisionKind::concludes, "clock.begins", "posted: held off for {} s from now on", -1};
+constexpr Decides<Number, Number> kHeld{DecisionKind::holds, "clock.held",
+                                        "held off: last posted {} s ago, limit {} s"};
+constexpr Decides<Number, Number> kAhead{
+    DecisionKind::holds, "clock.ahead",
+    "held off: last posted {} s ahead of the clock, which was set back; limit {} s"};
+constexpr Decides<std::string_view> kRearmed{DecisionKind::forgets, "clock.rearmed",
+                                             "held off no longer: {} was posted, a loss of synchronisation"};
+
+constexpr const Decision* kAll[] = {&kNever, &kFree, &kOver, &kBegins, &kHeld, &kAhead, &kRearmed};
+
+}  // namespace why
 
 void reportUnknown(const Kel* observation) {
   if (const char* const id = identifierOf(observation)) Log("No system clock correlator for %s\n", id);
@@ -82,11 +108,36 @@ class ClockCorrelator final : public Correlator {
     const char* given = nullptr;
     Kel_GetID(observation, &given);
     if (given == nullptr) return;
+    DecisionListener* const decisions = services_.decisions;
+    const std::string_view subject = shortName(id);
     const std::int64_t now = services_.nowSeconds();
-    if (!holdOff.allows(id, now)) return;
+    const bool allowed = holdOff.allows(id, now);
+    if (decisions != nullptr) tell(id, allowed, holdOff.age(id, now));
+    if (!allowed) return;
     if (!translate(services_.post, OnUnreadable::silent, observation)) return;
-    if (loss) holdOff.rearm(kSynchronised);
+    why::kBegins.report(decisions, subject, HourlyHoldOff::kPeriodSeconds);
+    if (loss) {
+      why::kRearmed.report(decisions, shortName(kSynchronised), subject);
+      holdOff.rearm(kSynchronised);
+    }
     holdOff.posted(id, now);
+  }
+
+  static std::string_view shortName(std::string_view id) { return id.substr(kGroupPrefix.size()); }
+
+  void tell(const std::string& id, bool allowed, std::optional<std::int64_t> age) const {
+    constexpr std::int64_t kLimit = HourlyHoldOff::kPeriodSeconds;
+    DecisionListener* const decisions = services_.decisions;
+    const std::string_view subject = shortName(id);
+    if (allowed && !age) {
+      (id == kSynchronised ? why::kFree : why::kNever).report(decisions, subject);
+    } else if (allowed) {
+      why::kOver.report(decisions, subject, *age, kLimit);
+    } else if (age < 0) {
+      why::kAhead.report(decisions, subject, -*age, kLimit);
+    } else {
+      why::kHeld.report(decisions, subject, age.value_or(0), kLimit);
+    }
   }
 
   Services& services_;
@@ -100,6 +151,6 @@ constexpr const char* kGroups[] = {"clock"};
 }  // namespace
 
 constinit const CorrelatorInfo kClockCorrelator = {
-    "Clock", kGroups, {}, runPlain<kClockCorrelator>, kClockRows, {}, makeCorrelator<ClockCorrelator>};
+    "Clock", kGroups, {}, runPlain<kClockCorrelator>, kClockRows, {}, makeCorrelator<ClockCorrelator>, why::kAll};
 
 }  // namespace keld

@@ -8,12 +8,35 @@
 #include <cstdint>
 #include <functional>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 
 #include "keldDecision.h"
 
 namespace keld {
+
+/// What is decided by how long something is ago, and a limit; each begins with a name for what is held off.
+struct HoldOffDecisions {
+  const Decides<std::string_view, std::int64_t>& never;
+  const Decides<std::string_view, std::int64_t, std::int64_t>& over;
+  const Decides<std::string_view, std::int64_t, std::int64_t>& held;
+  const Decides<std::string_view, std::int64_t, std::int64_t>& ahead;  ///< held since the clock was set back
+
+  void report(DecisionListener* decisions, std::string_view subject, std::string_view what, bool passes,
+              std::optional<std::int64_t> age, std::int64_t limit) const {
+    if (decisions == nullptr) return;
+    if (passes && !age) {
+      never.report(decisions, subject, what, limit);
+    } else if (passes) {
+      over.report(decisions, subject, what, *age, limit);
+    } else if (age < 0) {
+      ahead.report(decisions, subject, what, -*age, limit);
+    } else {
+      held.report(decisions, subject, what, age.value_or(0), limit);
+    }
+  }
+};
 
 /// At most one report an hour, counted from the last one, for each identifier. While a clock that was
 /// set back makes up the time, nothing is reported.
@@ -23,6 +46,12 @@ class HourlyHoldOff {
 
   /// True where `id` may be reported at second `now`; changes nothing that a later call would notice.
   [[nodiscard]] bool allows(const std::string& id, std::int64_t now) { return now - lastPosted_[id] >= kPeriodSeconds; }
+  /// Seconds from when `id` was last posted to `now`; nothing where it never was, or was re-armed since.
+  [[nodiscard]] std::optional<std::int64_t> age(const std::string& id, std::int64_t now) const {
+    const auto known = lastPosted_.find(id);
+    if (known == lastPosted_.end() || known->second == 0) return std::nullopt;
+    return now - known->second;
+  }
   /// Begins the hour of `id`.
   void posted(const std::string& id, std::int64_t now) { lastPosted_[id] = now; }
   /// Lets the next report of `id` pass however soon it comes.
@@ -92,6 +121,11 @@ class QuietPeriod {
     last_ = now;
     return quiet;
   }
+  /// Seconds of quiet up to `now`; nothing where nothing was observed.
+  [[nodiscard]] std::optional<std::int64_t> quiet(std::int64_t now) const {
+    if (last_ == 0) return std::nullopt;
+    return now - last_;
+  }
 
  private:
   std::int64_t last_ = 0;
@@ -101,9 +135,14 @@ class QuietPeriod {
 class QuietPeriods {
  public:
   bool observe(std::string_view key, std::int64_t now) { return periods_[std::string(key)].observe(now); }
+  [[nodiscard]] std::optional<std::int64_t> quiet(std::string_view key, std::int64_t now) const {
+    const auto known = periods_.find(key);
+    if (known == periods_.end()) return std::nullopt;
+    return known->second.quiet(now);
+  }
 
  private:
-  std::map<std::string, QuietPeriod> periods_;
+  std::map<std::string, QuietPeriod, std::less<>> periods_;
 };
 
 /// One report an hour for each disk group or disk, whichever of its errors it tells of. The hour counts
@@ -159,6 +198,12 @@ class RateTable {
  public:
   explicit RateTable(std::int64_t periodSeconds) : periodSeconds_(periodSeconds) {}
 
+  /// Seconds from when `key` last passed to `now`; nothing where it did not, or was forgotten.
+  [[nodiscard]] std::optional<std::int64_t> age(const Key& key, std::int64_t now) const {
+    const auto known = lastPassed_.find(key);
+    if (known == lastPassed_.end() || known->second == 0) return std::nullopt;
+    return now - known->second;
+  }
   /// True, and the period begins, where `key` passes at second `now`.
   bool passes(const Key& key, std::int64_t now) {
     std::int64_t& last = lastPassed_[key];
@@ -170,6 +215,8 @@ class RateTable {
     }
     return true;
   }
+
+  [[nodiscard]] std::size_t size() const { return lastPassed_.size(); }
 
  private:
   static constexpr std::size_t kMostKeys = 65536;

@@ -1,5 +1,8 @@
 // The swap correlator watches system swap on a datastore whose device is permanently lost. Where the
 // kernel removed that swap, the host is asked to place it anew.
+#include <string>
+#include <string_view>
+
 #include "keldCorrelator.h"
 #include "keldLog.h"
 #include "keldStorage.h"
@@ -29,9 +32,20 @@ constexpr Judged kSwapJudged[] = {
     {"kel.swap.systemSwap.isPDL.removed", kRemovedFormat, kRemovedEvents},
 };
 
+namespace why {
+
+constexpr Decides<> kReconfigured{DecisionKind::acts, "swap.reconfigured",
+                                  "no event: the host placed system swap anew when asked to"};
+constexpr Decides<std::string_view> kNotReconfigured{DecisionKind::acts, "swap.not-reconfigured",
+                                                     "the host did not place system swap anew when asked to: {}"};
+
+constexpr const Decision* kAll[] = {&kReconfigured, &kNotReconfigured};
+
+}  // namespace why
+
 class SwapCorrelator final : public Correlator {
  public:
-  explicit SwapCorrelator(Services& services) : post_(services.post) {}
+  explicit SwapCorrelator(Services& services) : services_(services) {}
 
   [[nodiscard]] HandlerTable handlers() override {
     return {{"kel.swap.systemSwap.isPDL.cannot.remove", [this](const Kel* observation) { cannotRemove(observation); }},
@@ -42,24 +56,28 @@ class SwapCorrelator final : public Correlator {
   void cannotRemove(const Kel* observation) {
     Text path = nullptr;
     if (Kel_GetArgs(observation, 0, kCannotRemoveFormat, &path) != 0) return;
-    kCannotRemove.post(post_, datastoreForm(path).c_str());
+    kCannotRemove.post(services_.post, datastoreForm(path).c_str());
   }
 
   void removed(const Kel* observation) {
     Text path = nullptr;
     if (Kel_GetArgs(observation, 0, kRemovedFormat, &path) != 0) return;
+    const std::string_view subject = path != nullptr ? path : "";
     try {
       QkCtl::System::SwapInfoImpl().ReconfigureSysSwap(0, 0);
+      why::kReconfigured.report(services_.decisions, subject);
       Log("System swap at path %s was affected by the PDL of its datastore and was removed. System swap has been "
           "reconfigured.",
           path);
     } catch (const HostCtl::Lib::HostCtlException& failure) {
-      kReconfigureFailed.post(post_, datastoreForm(path).c_str());
-      Log("%s", failure.GetDetailedMessage().c_str());
+      const std::string details = failure.GetDetailedMessage();
+      why::kNotReconfigured.report(services_.decisions, subject, details);
+      kReconfigureFailed.post(services_.post, datastoreForm(path).c_str());
+      Log("%s", details.c_str());
     }
   }
 
-  Post& post_;
+  Services& services_;
 };
 
 constexpr const char* kGroups[] = {"swap"};
@@ -67,6 +85,6 @@ constexpr const char* kGroups[] = {"swap"};
 }  // namespace
 
 constinit const CorrelatorInfo kSwapCorrelator = {
-    "SWAP", kGroups, {}, runPlain<kSwapCorrelator>, {}, kSwapJudged, makeCorrelator<SwapCorrelator>};
+    "SWAP", kGroups, {}, runPlain<kSwapCorrelator>, {}, kSwapJudged, makeCorrelator<SwapCorrelator>, why::kAll};
 
 }  // namespace keld

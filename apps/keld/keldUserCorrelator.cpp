@@ -110,6 +110,29 @@ constexpr SubsystemRequest kSubsystemRequests[] = {
     {"kel.user.subsystem.host.poweroff.reason", kPowerOff, kSubsystemPowerOff},
 };
 
+namespace why {
+
+using Number = std::int64_t;
+using Name = std::string_view;
+
+constexpr Decides<Name, Number> kNever{DecisionKind::concludes, "user.held-off.never",
+                                       "{}: never posted before, so not held off; limit {} s", -2};
+constexpr Decides<Name, Number, Number> kOver{DecisionKind::concludes, "user.held-off.over",
+                                              "{}: not held off, last posted {} s ago, limit {} s", -3};
+constexpr Decides<Name, Number, Number> kHeld{DecisionKind::holds, "user.held-off.held",
+                                              "{}: held off, last posted {} s ago, limit {} s"};
+constexpr Decides<Name, Number, Number> kAhead{
+    DecisionKind::holds, "user.held-off.ahead",
+    "{}: held off, last posted {} s ahead of the clock, which was set back; limit {} s"};
+constexpr Decides<Name, Number, Number> kForgotten{
+    DecisionKind::forgets, "user.held-off.forgotten",
+    "{}: more on record than are kept, {} are held off no longer, {} still are"};
+
+constexpr HoldOffDecisions kHoldOff{kNever, kOver, kHeld, kAhead};
+constexpr const Decision* kAll[] = {&kNever, &kOver, &kHeld, &kAhead, &kForgotten};
+
+}  // namespace why
+
 /// The text as events show it, null or not.
 std::string shown(Text text) {
   return text != nullptr ? text : "(null)";
@@ -160,15 +183,38 @@ class UserCorrelator final : public Correlator {
   void leaseWithoutExpiry(const Kel* observation) {
     Text server = nullptr;
     if (Kel_GetArgs(observation, 0, "%p", &server) != 0) return;
-    if (servers_.passes(keyOf(server), services_.nowSeconds())) kNoExpiry.post(services_.post, server);
+    const std::string key = keyOf(server);
+    const auto subject = [&]() -> const std::string& { return key; };
+    if (passes(servers_, key, kLeaseSeconds, "lease without expiry", subject)) {
+      kNoExpiry.post(services_.post, server);
+    }
   }
 
   void logDirectoryInvalid(const Kel* observation) {
     Text configured = nullptr, fallback = nullptr;
     if (Kel_GetArgs(observation, 0, "%p %p", &configured, &fallback) != 0) return;
-    if (logDirectories_.passes({keyOf(configured), keyOf(fallback)}, services_.nowSeconds())) {
+    const std::pair key(keyOf(configured), keyOf(fallback));
+    const auto subject = [&] { return key.first + " -> " + key.second; };
+    if (passes(logDirectories_, key, kLogDirectorySeconds, "log directory", subject)) {
       kLogDirectoryInvalid.post(services_.post, configured, fallback);
     }
+  }
+
+  /// Whether `key` passes, by decisions about `what` that are told of the subject.
+  template <typename Key, typename Subject>
+  bool passes(RateTable<Key>& table, const Key& key, std::int64_t limit, std::string_view what, Subject subject) {
+    DecisionListener* const decisions = services_.decisions;
+    const std::int64_t now = services_.nowSeconds();
+    if (decisions == nullptr) return table.passes(key, now);
+    const auto age = table.age(key, now);
+    const std::size_t before = table.size();
+    const bool passes = table.passes(key, now);
+    why::kHoldOff.report(decisions, subject(), what, passes, age, limit);
+    if (table.size() < before) {
+      const auto kept = static_cast<std::int64_t>(table.size());
+      why::kForgotten.report(decisions, subject(), what, static_cast<std::int64_t>(before) + 1 - kept, kept);
+    }
+    return passes;
   }
 
   void accountLocked(const Kel* observation) const {
@@ -227,6 +273,7 @@ constexpr const char* kGroups[] = {"user"};
 }  // namespace
 
 constinit const CorrelatorInfo kUserLevelCorrelator = {
-    "UserLevel", kGroups, {}, runPlain<kUserLevelCorrelator>, kUserRows, kUserJudged, makeCorrelator<UserCorrelator>};
+    "UserLevel", kGroups, {}, runPlain<kUserLevelCorrelator>, kUserRows, kUserJudged, makeCorrelator<UserCorrelator>,
+    why::kAll};
 
 }  // namespace keld

@@ -5,6 +5,8 @@
 #include <unistd.h>
 
 #include <array>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 namespace keld {
@@ -24,6 +26,29 @@ constexpr Event<Text, Text> kOtherFull{VProbKind::problem,
 constexpr const EventInfo* kFullEvents[] = {&kScratchFull, &kOtherFull};
 constexpr Judged kVfatJudged[] = {{"kel.vfat.filesystem.full", "%p %p", kFullEvents}};
 
+namespace why {
+
+using Number = std::int64_t;
+using Name = std::string_view;
+
+constexpr Decides<Name, Number> kNever{DecisionKind::concludes, "vfat.quiet.never",
+                                       "{}: never seen before, so not held off; limit {} s", -2};
+constexpr Decides<Name, Number, Number> kOver{DecisionKind::concludes, "vfat.quiet.over",
+                                              "{}: not held off, last seen {} s ago, limit {} s", -3};
+constexpr Decides<Name, Number, Number> kHeld{DecisionKind::holds, "vfat.quiet.held",
+                                              "{}: held off, last seen {} s ago, limit {} s", -3};
+constexpr Decides<Name, Number, Number> kAhead{
+    DecisionKind::holds, "vfat.quiet.ahead",
+    "{}: held off, last seen {} s ahead of the clock, which was set back; limit {} s", -3};
+constexpr Decides<> kScratch{DecisionKind::concludes, "vfat.scratch", "its UUID is that of the scratch partition"};
+constexpr Decides<Name> kOther{DecisionKind::concludes, "vfat.other",
+                               "its UUID is not that of the scratch partition, \"{}\""};
+
+constexpr HoldOffDecisions kQuiet{kNever, kOver, kHeld, kAhead};
+constexpr const Decision* kAll[] = {&kNever, &kOver, &kHeld, &kAhead, &kScratch, &kOther};
+
+}  // namespace why
+
 }  // namespace
 
 VfatCorrelator::VfatCorrelator(Services& services, std::string scratch)
@@ -37,9 +62,20 @@ void VfatCorrelator::full(const Kel* observation) {
   Text name = nullptr, uuid = nullptr;
   if (Kel_GetArgs(observation, 0, "%p %p", &name, &uuid) != 0) return;
   const std::string key = uuid != nullptr ? uuid : "";
-  if (!quietPeriods_.observe(key, services_.nowSeconds())) return;
-  const auto& event = key == scratchUuid() ? kScratchFull : kOtherFull;
-  event.post(services_.post, name, uuid);
+  DecisionListener* const decisions = services_.decisions;
+  const std::int64_t now = services_.nowSeconds();
+  const auto age = decisions != nullptr ? quietPeriods_.quiet(key, now) : std::nullopt;
+  const bool quiet = quietPeriods_.observe(key, now);
+  why::kQuiet.report(decisions, key, "full", quiet, age, QuietPeriod::kQuietSeconds);
+  if (!quiet) return;
+  const std::string scratch = scratchUuid();
+  if (key == scratch) {
+    why::kScratch.report(decisions, key);
+    kScratchFull.post(services_.post, name, uuid);
+  } else {
+    why::kOther.report(decisions, key, scratch);
+    kOtherFull.post(services_.post, name, uuid);
+  }
 }
 
 /// Read afresh each time: the scratch partition may be moved while the daemon runs.
@@ -57,6 +93,6 @@ constexpr const char* kGroups[] = {"vfat"};
 }  // namespace
 
 constinit const CorrelatorInfo kVfatCorrelator = {
-    "Vfat", kGroups, {}, runPlain<kVfatCorrelator>, {}, kVfatJudged, makeCorrelator<VfatCorrelator>};
+    "Vfat", kGroups, {}, runPlain<kVfatCorrelator>, {}, kVfatJudged, makeCorrelator<VfatCorrelator>, why::kAll};
 
 }  // namespace keld
