@@ -20,6 +20,7 @@ constexpr Command kCommands[] = {
     {"selftest", "check the way of an observation from end to end", runSelftest},
     {"store", "show and delete what the configuration store keeps", runStore},
     {"boot-report", "report once in a boot why the host went down before", runBootReport},
+    {"replay", "run a capture again and print what the daemon would have said", runReplay},
 };
 
 std::string usage() {

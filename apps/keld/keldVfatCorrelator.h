@@ -2,6 +2,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 
 #include "keldCorrelator.h"
 #include "keldHoldOff.h"
@@ -14,6 +15,8 @@ class VfatCorrelator final : public Correlator {
   explicit VfatCorrelator(Services& services, std::string scratch = "/scratch");
 
   [[nodiscard]] HandlerTable handlers() override;
+  /// Puts another link in the place of the first.
+  void setScratch(std::string scratch) { scratch_ = std::move(scratch); }
 
  private:
   void full(const Kel* observation);

@@ -1,0 +1,111 @@
+// kelctl replay: runs a capture through the daemon's own correlators.
+#include <fmt/format.h>
+
+#include "commandLine.h"
+#include "console.h"
+#include "coverage.h"
+#include "failure.h"
+#include "numbers.h"
+#include "replayDiff.h"
+#include "replayOutput.h"
+#include "replayRun.h"
+#include "replayStory.h"
+
+namespace kelctl {
+
+namespace {
+
+struct ReplayOptions {
+  bool text = false;
+  bool json = false;
+  bool diff = false;
+  bool coverage = false;
+  bool strict = false;
+  std::vector<std::string> files;
+  std::vector<std::string> globs;
+  std::vector<std::string> options;
+  std::optional<std::string> host, until, from, speed, page;
+};
+
+void declare(CommandLine& line, ReplayOptions& options) {
+  line.addWords("CAPTURE", options.files, "the capture, - for standard input; with --coverage files and directories");
+  line.addFlag("--text", options.text, "print one line for each event and action, with its text");
+  line.addFlag("--json", options.json, "print one JSON object per line");
+  line.addFlag("--diff", options.diff, "compare with the capture's own events; exit status 1 where they differ");
+  line.addText("--html", "FILE", options.page, "write a page with a time line of the replay");
+  line.addFlag("--coverage", options.coverage,
+               "list the rows, handlers and decisions that captures exercise; exit status 1 where some are not");
+  line.addText("--host", "model:FILE", options.host, "the host, in the place of what the capture says of it");
+  line.addTexts("--option", "GROUP/NAME=VALUE", options.options, "an advanced option; may be repeated");
+  line.addText("--from", "TIME", options.from, "print nothing before TIME, such as 2026-01-01T12:00:00Z");
+  line.addText("--until", "TIME", options.until, "end at TIME");
+  line.addTexts("--id", "GLOB", options.globs, "print only what matches GLOB; may be repeated");
+  line.addText("--speed", "X", options.speed, "go X times as fast as it happened, not as fast as can be");
+  line.addFlag("--strict", options.strict, "end at the first line that cannot be read");
+  for (const char* const form : {"--text", "--diff", "--html", "--coverage"}) line.exclude("--json", form);
+  for (const char* const form : {"--diff", "--html", "--coverage"}) line.exclude("--text", form);
+  line.exclude("--diff", "--html");
+  line.exclude("--coverage", "--diff");
+  line.exclude("--coverage", "--html");
+}
+
+ReplayInput inputOf(const ReplayOptions& options) {
+  if (options.files.size() != 1) throw UsageError("replay takes one capture; see 'kelctl replay --help'");
+  ReplayInput input;
+  input.file = options.files.front();
+  input.host = options.host;
+  for (const std::string& option : options.options) addOption(input.options, option);
+  if (options.until) input.until = parseTime("--until", *options.until);
+  if (options.speed) {
+    input.speed = parseDouble(*options.speed);
+    if (!input.speed || !(*input.speed > 0)) throw UsageError("--speed takes a number above 0");
+  }
+  input.strict = options.strict;
+  input.progress = true;
+  return input;
+}
+
+int printReplay(const ReplayOptions& options, const ReplayInput& input, std::optional<WallTime> from) {
+  const ReplayForm form = options.json ? ReplayForm::json : options.text ? ReplayForm::text : ReplayForm::trace;
+  Output out;
+  ReplayLines lines(form, options.globs, from, [&](std::string_view line) {
+    out.write(line);
+    if (input.speed) out.flush();
+  });
+  replay(input, lines);
+  out.flush();
+  return kDone;
+}
+
+int printDiff(const ReplayOptions& options, const ReplayInput& input, std::optional<WallTime> from) {
+  Output out;
+  ReplayDiff diff(input.file == "-" ? "standard input" : input.file, options.globs, from, [&](std::string_view line) {
+    const Colour colour = line.starts_with('-')   ? Colour::red
+                          : line.starts_with('+') ? Colour::green
+                          : line.starts_with('@') ? Colour::cyan
+                                                  : Colour::none;
+    out.write(colour == Colour::none ? std::string(line) : out.paint(colour, line.substr(0, line.size() - 1)) + "\n");
+  });
+  replay(input, diff, [&](const CaptureItem& item) { diff.see(item); });
+  diff.finish();
+  out.flush();
+  return diff.differences() == 0 ? kDone : kFailed;
+}
+
+}  // namespace
+
+int runReplay(const Words& words) {
+  ReplayOptions options;
+  CommandLine line("replay",
+                   "Runs a capture through the daemon's correlators on the capture's own time, and prints what the "
+                   "daemon would have said. Nothing is done to the host.");
+  declare(line, options);
+  if (!line.parse(words)) return kDone;
+  if (options.coverage) return reportCoverage(options.files);
+  const ReplayInput input = inputOf(options);
+  const auto from = options.from ? std::optional(parseTime("--from", *options.from)) : std::nullopt;
+  if (options.diff) return printDiff(options, input, from);
+  return printReplay(options, input, from);
+}
+
+}  // namespace kelctl
