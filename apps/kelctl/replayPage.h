@@ -8,7 +8,7 @@
 
 namespace kelctl {
 
-/// The story as one self-contained page: HTML in ASCII that loads nothing, whatever the story's texts are.
+/// The story as one self-contained page: HTML in UTF-8 that loads nothing, whatever the story's texts are.
 /// Hands it to `write` in pieces, a step of the story each.
 void writeReplayPage(const Json& story, const std::function<void(std::string_view)>& write);
 
