@@ -59,7 +59,8 @@ function exactIntegers(json) {
     /^-?\d{16,}$/.test(token) && !Number.isSafeInteger(Number(token)) ? `{"exactInteger":"${token}"}` : token);
 }
 
-function isoParts(us) {
+function isoParts(exact) {
+  const us = Math.round(exact);
   const ms = Math.floor(us / 1000);
   const date = new Date(ms);
   if (Number.isNaN(date.getTime())) return undefined;
