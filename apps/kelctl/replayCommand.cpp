@@ -1,13 +1,19 @@
 // kelctl replay: runs a capture through the daemon's own correlators.
 #include <fmt/format.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <memory>
+
 #include "commandLine.h"
 #include "console.h"
 #include "coverage.h"
 #include "failure.h"
+#include "host/files.h"
 #include "numbers.h"
 #include "replayDiff.h"
 #include "replayOutput.h"
+#include "replayPage.h"
 #include "replayRun.h"
 #include "replayStory.h"
 
@@ -92,6 +98,55 @@ int printDiff(const ReplayOptions& options, const ReplayInput& input, std::optio
   return diff.differences() == 0 ? kDone : kFailed;
 }
 
+struct CloseFile {
+  void operator()(std::FILE* file) const noexcept { std::fclose(file); }
+};
+
+void writeFile(const std::string& path, const std::string& text) {
+  const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "wbe"));
+  if (!file || std::fwrite(text.data(), 1, text.size(), file.get()) != text.size() || std::fflush(file.get()) != 0) {
+    throw Failure(fmt::format("cannot write {}: {}", path, platform::errnoText(errno)));
+  }
+}
+
+int writePage(const ReplayOptions& options, const ReplayInput& input, std::optional<WallTime> from) {
+  constexpr std::size_t kMostSteps = 200'000;
+  Json story{{"version", KELCTL_VERSION}, {"capture", input.file}, {"clock", "UTC"}};
+  Json steps = Json::array();
+  std::uint64_t observations = 0, events = 0, actions = 0, beyond = 0;
+  StoryTeller teller([&](StoryStep&& step) {
+    if (from && step.time < *from) return;
+    if (steps.size() == kMostSteps) {
+      ++beyond;
+      return;
+    }
+    if (step.what == ReplayStep::What::observation) ++observations;
+    for (const StoryTaken& taken : step.taken) {
+      events += taken.events.size();
+      actions += taken.actions.size();
+    }
+    steps.push_back(storyJson(step));
+  });
+  replay(input, teller, [&](const CaptureItem& item) {
+    if (const auto* const header = std::get_if<CaptureHeader>(&item.what)) story["host"] = header->host;
+  });
+  teller.finish();
+  if (beyond != 0) {
+    complain(fmt::format("the page holds the first {} steps, {} more are left out; see --from and --until", kMostSteps,
+                         beyond));
+  }
+  if (!steps.empty()) {
+    story["from_us"] = steps.front()["time_us"];
+    story["to_us"] = steps.back()["time_us"];
+  }
+  story["counts"] = {{"observations", observations}, {"events", events}, {"actions", actions}};
+  story["steps"] = std::move(steps);
+  std::string page;
+  writeReplayPage(story, [&](std::string_view piece) { page.append(piece); });
+  writeFile(*options.page, page);
+  return kDone;
+}
+
 }  // namespace
 
 int runReplay(const Words& words) {
@@ -104,6 +159,7 @@ int runReplay(const Words& words) {
   if (options.coverage) return reportCoverage(options.files);
   const ReplayInput input = inputOf(options);
   const auto from = options.from ? std::optional(parseTime("--from", *options.from)) : std::nullopt;
+  if (options.page) return writePage(options, input, from);
   if (options.diff) return printDiff(options, input, from);
   return printReplay(options, input, from);
 }

@@ -105,17 +105,34 @@ class Run {
 
   std::uint64_t run() {
     setHost();
-    const platform::UniqueFd opened(input_.file == "-" ? -1 : ::open(input_.file.c_str(), O_RDONLY | O_CLOEXEC));
-    const int fd = input_.file == "-" ? STDIN_FILENO : opened.get();
-    if (fd < 0) throw Failure(fmt::format("cannot open {}: {}", input_.file, platform::errnoText(errno)));
-    readAll(fd);
+    readAll();
     if (items_ == 0 && bad_ > 0) throw Failure(fmt::format("{} is no capture", shownName(input_.file)));
-    if (engine_.started() && !ended_)
-      engine_.advanceTo(input_.until ? std::max(*input_.until, engine_.now()) : engine_.now() + kSettling);
+    if (engine_.started() && !ended_) settle();
     return bad_;
   }
 
  private:
+  void settle() {
+    engine_.advanceTo(input_.until ? std::max(*input_.until, engine_.now()) : engine_.now() + kSettling);
+  }
+
+  void readAll() {
+    if (input_.content) {
+      CaptureReader reader = makeReader();
+      reader.feed(*input_.content);
+      return;
+    }
+    const platform::UniqueFd opened(input_.file == "-" ? -1 : ::open(input_.file.c_str(), O_RDONLY | O_CLOEXEC));
+    const int fd = input_.file == "-" ? STDIN_FILENO : opened.get();
+    if (fd < 0) throw Failure(fmt::format("cannot open {}: {}", input_.file, platform::errnoText(errno)));
+    readAll(fd);
+  }
+
+  CaptureReader makeReader() {
+    return {[this](const CaptureItem& item) { return take(item); },
+            [this](std::uint64_t line, const std::string& reason) { refuse(line, reason); }};
+  }
+
   void setHost() {
     if (!input_.host) return refuseFacts(engine_.setFacts(Json::object()), 0);
     constexpr std::string_view kModel = "model:";
@@ -129,8 +146,7 @@ class Run {
   }
 
   void readAll(int fd) {
-    CaptureReader reader([this](const CaptureItem& item) { return take(item); },
-                         [this](std::uint64_t line, const std::string& reason) { refuse(line, reason); });
+    CaptureReader reader = makeReader();
     Progress progress(fd, input_.progress);
     std::array<char, 65536> chunk{};
     while (true) {

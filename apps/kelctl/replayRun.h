@@ -10,13 +10,14 @@
 namespace kelctl {
 
 struct ReplayInput {
-  std::string file;                 ///< "-": standard input
-  std::optional<std::string> host;  ///< "model:FILE", in the place of what the capture says of the host
-  Json options = Json::object();    ///< go before all others
-  std::optional<WallTime> until;    ///< the capture ends there
-  std::optional<double> speed;      ///< so many times as fast as it happened; as fast as can be without
-  bool strict = false;              ///< the first line that cannot be read ends the replay
-  bool progress = false;            ///< say on standard error how far it is
+  std::optional<std::string> content;  ///< the capture itself, called by the name of `file`
+  std::string file;                    ///< "-": standard input
+  std::optional<std::string> host;     ///< "model:FILE", in the place of what the capture says of the host
+  Json options = Json::object();       ///< go before all others
+  std::optional<WallTime> until;       ///< the capture ends there
+  std::optional<double> speed;         ///< so many times as fast as it happened; as fast as can be without
+  bool strict = false;                 ///< the first line that cannot be read ends the replay
+  bool progress = false;               ///< say on standard error how far it is
 };
 
 /// Called with each item after it was run.
