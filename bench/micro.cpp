@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "keldCorrelator.h"
+#include "keldDecision.h"
 #include "keldFramework.h"
 #include "keldLog.h"
 #include "keldNetRows.h"
@@ -98,6 +100,75 @@ void dispatchARow(benchmark::State& state) {
   keld::setLogSink(nullptr);
 }
 BENCHMARK(dispatchARow);
+
+constexpr keld::Decides<std::int64_t, std::int64_t> kHeld{keld::DecisionKind::holds, "bench.held",
+                                                          "held off: last posted {} s ago, limit {} s"};
+
+/// What a correlator pays where it may report a decision: first nothing at all, then with nobody listening,
+/// as in the daemon, then with somebody who renders it.
+void decideSilently(benchmark::State& state) {
+  std::int64_t age = 0;
+  for (auto _ : state) benchmark::DoNotOptimize(++age);
+}
+BENCHMARK(decideSilently);
+
+void decideWithNobodyListening(benchmark::State& state) {
+  std::int64_t age = 0;
+  keld::DecisionListener* listener = nullptr;
+  for (auto _ : state) {
+    benchmark::DoNotOptimize(++age);
+    benchmark::DoNotOptimize(listener);
+    kHeld.report(listener, "qnic0", age, 3600);
+  }
+}
+BENCHMARK(decideWithNobodyListening);
+
+class Renderer final : public keld::DecisionListener {
+  void decided(const keld::Decision& decision, std::string_view /*subject*/,
+               std::span<const keld::DecisionValue> values) override {
+    benchmark::DoNotOptimize(keld::decisionText(decision, values));
+  }
+};
+
+void decideWithAListener(benchmark::State& state) {
+  std::int64_t age = 0;
+  Renderer renderer;
+  for (auto _ : state) kHeld.report(&renderer, "qnic0", ++age, 3600);
+}
+BENCHMARK(decideWithAListener);
+
+class NoTimers final : public keld::Timers {
+  int create(keld::TimerCallback /*callback*/) override { return 0; }
+  int set(int /*id*/, keld::TimerMode /*mode*/, std::uint32_t /*seconds*/, std::uint32_t* /*remaining*/) override {
+    return 0;
+  }
+};
+
+/// A held-off observation of the clock, from dispatch to its decision.
+void holdAnObservationOff(benchmark::State& state, keld::DecisionListener* listener) {
+  NoPost post;
+  NoLog log;
+  NoTimers timers;
+  keld::setLogSink(&log);
+  keld::Services services{systemClock(), post, timers, nullptr, listener};
+  const auto correlator = keld::kClockCorrelator.make(services);
+  const keld::HandlerTable handlers = correlator->handlers();
+  std::vector<char> record;
+  KelEmit::appendRecord({"kel.clock.correction.adjtime.unsync", "x", {}, 1}, record);
+  Kel* kel = make(record);
+  for (auto _ : state) keld::dispatchObservation(keld::ignoreObservation, handlers, kel);
+  Kel_Free(kel);
+  keld::setLogSink(nullptr);
+}
+void holdOffWithNobodyListening(benchmark::State& state) {
+  holdAnObservationOff(state, nullptr);
+}
+BENCHMARK(holdOffWithNobodyListening);
+void holdOffWithAListener(benchmark::State& state) {
+  Renderer renderer;
+  holdAnObservationOff(state, &renderer);
+}
+BENCHMARK(holdOffWithAListener);
 
 }  // namespace
 

@@ -260,7 +260,7 @@ void ReplayEngine::guarded(const Work& work) {
 void ReplayEngine::start() {
   started_ = true;
   daemon_ = std::make_unique<Daemon>(clock_, watcher_, agentAway_, [this](const keld::TimerCallback& callback) {
-    step({ReplayStep::What::timer, clock_.wall(), 0, nullptr, {}});
+    step({ReplayStep::What::timer, clock_.wall(), 0, nullptr, {}, {}});
     callback();
   });
   try {
@@ -285,7 +285,7 @@ void ReplayEngine::advanceTo(WallTime time) {
 std::string ReplayEngine::observe(const CaptureItem& item, const TraceEntry& entry) {
   const OwnedKel observation = observationOf(entry);
   if (observation == nullptr) return "an observation that no record can hold";
-  step({ReplayStep::What::observation, clock_.wall(), item.line, &entry, {}});
+  step({ReplayStep::What::observation, clock_.wall(), item.line, &entry, {}, {}});
   if (daemon_ == nullptr) return {};
   guarded([&] { daemon_->correlators().dispatch(observation.get(), entry.id, watcher_); });
   return {};
@@ -298,33 +298,33 @@ std::string ReplayEngine::take(const CaptureItem& item) {
   if (entry != nullptr && entry->direction == TraceDirection::out) return {};
   if (!started_) {
     clock_.set(item.time);
-    step({What::start, item.time, 0, nullptr, {}});
+    step({What::start, item.time, 0, nullptr, {}, {}});
     start();
   }
   if (item.time < clock_.wall()) {
-    step({What::clock, clock_.wall(), item.line, nullptr, "set back"});
+    step({What::clock, clock_.wall(), item.line, nullptr, "set back", item.time});
     clock_.set(item.time);
   }
   advanceTo(item.time);
   if (entry != nullptr) return observe(item, *entry);
   if (const auto* const change = std::get_if<FactsChange>(&item.what)) {
-    step({What::facts, item.time, item.line, nullptr, jsonLine(change->patch)});
+    step({What::facts, item.time, item.line, nullptr, jsonLine(change->patch), {}});
     std::string problem = changeFacts(change->patch);
     if (daemon_ == nullptr) start();
     return problem;
   }
   if (const auto* const change = std::get_if<ClockStep>(&item.what)) {
-    step({What::clock, item.time, item.line, nullptr, "set"});
+    step({What::clock, item.time, item.line, nullptr, "set", change->to});
     clock_.set(change->to);
     if (daemon_ != nullptr) guarded([&] { daemon_->timers().fireDue(); });
   } else if (const auto* const agent = std::get_if<AgentChange>(&item.what)) {
     agentAway_ = agent->away;
-    step({What::agent, item.time, item.line, nullptr, agent->away ? "away" : "back"});
+    step({What::agent, item.time, item.line, nullptr, agent->away ? "away" : "back", {}});
   } else if (std::holds_alternative<DaemonRestart>(item.what)) {
-    step({What::restart, item.time, item.line, nullptr, {}});
+    step({What::restart, item.time, item.line, nullptr, {}, {}});
     start();
   } else if (std::holds_alternative<CaptureEnd>(item.what)) {
-    step({What::end, item.time, item.line, nullptr, {}});
+    step({What::end, item.time, item.line, nullptr, {}, {}});
   }
   return {};
 }

@@ -25,6 +25,7 @@ struct ReplayStep {
   std::uint64_t line = 0;             ///< of the capture; 0 for what happens by itself
   const TraceEntry* entry = nullptr;  ///< the observation
   std::string text;                   ///< what else there is to say
+  std::optional<WallTime> to;         ///< what a clock was set to
 };
 
 /// Watches a replay. All is called by the thread that replays; what is given is valid during the call.

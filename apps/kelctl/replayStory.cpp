@@ -102,6 +102,7 @@ Json storyJson(const StoryStep& step) {
     for (const TraceArgument& argument : step.arguments) all["args"].push_back(std::visit(ToJson{}, argument));
   }
   if (!step.text.empty()) all["text"] = step.text;
+  if (step.to) all["to_us"] = microsecondsOf(*step.to);
   Json takens = Json::array();
   for (const StoryTaken& taken : step.taken) {
     Json one{{"correlator", taken.correlator},
@@ -158,7 +159,7 @@ StoryTeller::StoryTeller(Take take) : take_(std::move(take)) {
 
 void StoryTeller::begins(const ReplayStep& step) {
   finish();
-  step_ = StoryStep{step.what, step.time, step.line, {}, {}, step.text, {}};
+  step_ = StoryStep{step.what, step.time, step.line, {}, {}, step.text, step.to, {}};
   if (step.entry != nullptr) {
     step_->id = step.entry->id;
     step_->arguments = step.entry->arguments;

@@ -42,6 +42,7 @@ struct StoryStep {
   std::string id;
   std::vector<TraceArgument> arguments;
   std::string text;
+  std::optional<WallTime> to;  ///< what a clock was set to
   std::vector<StoryTaken> taken;
 };
 
