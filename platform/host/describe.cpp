@@ -22,17 +22,6 @@ Json missing(const Outcome& outcome) {
   return {{"error", reasonOf(outcome)}, {"status", outcome.status}};
 }
 
-std::string hexadecimal(const std::string& bytes) {
-  constexpr const char* kDigits = "0123456789abcdef";
-  std::string digits;
-  for (const char byte : bytes) {
-    const auto value = static_cast<unsigned char>(byte);
-    digits += kDigits[value >> 4];
-    digits += kDigits[value & 0xf];
-  }
-  return digits;
-}
-
 Json describeKernel(const Host& host) {
   return {{"build", host.kernelBuild()}, {"matches", host.buildMatches()}};
 }
@@ -162,6 +151,17 @@ constexpr std::array<Section, 11> kSections{{
 }};
 
 }  // namespace
+
+std::string hexadecimal(const std::string& bytes) {
+  constexpr const char* kDigits = "0123456789abcdef";
+  std::string digits;
+  for (const char byte : bytes) {
+    const auto value = static_cast<unsigned char>(byte);
+    digits += kDigits[value >> 4];
+    digits += kDigits[value & 0xf];
+  }
+  return digits;
+}
 
 nlohmann::ordered_json describeHost() {
   const Host& host = currentHost();

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <nlohmann/json.hpp>
+#include <string>
 
 namespace platform {
 
@@ -11,5 +12,8 @@ namespace platform {
 /// partition, these stand where "volume" would. Throws std::invalid_argument where KORVEL_HOST names
 /// no host.
 nlohmann::ordered_json describeHost();
+
+/// Two lower-case digits a byte.
+std::string hexadecimal(const std::string& bytes);
 
 }  // namespace platform

@@ -164,6 +164,8 @@ class Host {
   [[nodiscard]] virtual Answer<std::vector<MountFacts>> mounts() const { return {}; }
   /// A path of a file system in the form that names its datastore. ENOENT where no form is known.
   [[nodiscard]] virtual Answer<std::string> datastorePath(const std::string& path) const = 0;
+  /// Every form that datastorePath() gives, as `datastorePaths` of docs/model-host.md has them.
+  [[nodiscard]] virtual Answer<std::map<std::string, std::string>> datastoreForms() const = 0;
 
   [[nodiscard]] virtual Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const = 0;
   [[nodiscard]] virtual Answer<std::string> vmName(std::int64_t worldId) const = 0;

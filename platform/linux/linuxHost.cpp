@@ -59,6 +59,9 @@ class LinuxHost final : public Host {
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const override {
     return storage_.datastorePath(path);
   }
+  [[nodiscard]] Answer<std::map<std::string, std::string>> datastoreForms() const override {
+    return storage_.datastoreForms();
+  }
 
   [[nodiscard]] Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const override { return vms_.ofWorld(worldId); }
   [[nodiscard]] Answer<std::string> vmName(std::int64_t worldId) const override;

@@ -28,6 +28,7 @@ class Storage {
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const {
     return volumes_.datastorePath(path);
   }
+  [[nodiscard]] Answer<std::map<std::string, std::string>> datastoreForms() const { return volumes_.datastoreForms(); }
 
  private:
   /// The block device of a storage device by any of its names.

@@ -1,5 +1,6 @@
 #include "linux/volumes.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <set>
 #include <string_view>
@@ -102,6 +103,29 @@ Answer<std::vector<MountFacts>> Volumes::all() const {
         {shownName(mount.point), shownName(mount.fileSystem), *block, labelOf(*block).value_or(std::string())});
   }
   return all;
+}
+
+Answer<std::map<std::string, std::string>> Volumes::datastoreForms() const {
+  const Answer<std::vector<Mount>> mounts = readMounts(roots_.proc);
+  Answer<std::map<std::string, std::string>> forms{mounts.outcome, {}};
+  // By the point, so that a mount comes behind those that it lies below.
+  std::map<std::string, const Mount*> last;
+  for (const Mount& mount : mounts.value) last[mount.point] = &mount;
+  std::vector<std::string> labelled;
+  for (const auto& [point, mount] : last) {
+    const std::string directory = point == "/" ? point : point + '/';
+    const auto block = blockOf(*mount);
+    if (const auto label = block ? labelOf(*block) : std::nullopt) {
+      const std::string inside(pathBelow("/", mount->root));
+      forms.value[directory] = *label + ": " + (inside.empty() ? inside : inside + '/');
+      if (!inside.empty()) forms.value[point] = *label + ": " + inside;
+      labelled.push_back(directory);
+    } else if (std::any_of(labelled.begin(), labelled.end(),
+                           [&](const auto& above) { return point.starts_with(above); })) {
+      forms.value[directory] = "";
+    }
+  }
+  return forms;
 }
 
 Answer<std::string> Volumes::datastorePath(const std::string& path) const {

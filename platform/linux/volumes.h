@@ -1,6 +1,7 @@
 // Mounted file systems as the volumes of a device's partitions, and as datastores of paths.
 #pragma once
 
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -33,6 +34,11 @@ class Volumes {
 
   /// "LABEL: PATH" of an absolute path whose file system has a label. ENOENT for any other.
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const;
+
+  /// What datastorePath() says, directory by directory: "LABEL: " and what goes before the rest of the path
+  /// by a mount point and a slash; an empty form where a mount without a label lies below one with a label. A
+  /// mount point without a slash stands where a directory of a file system is mounted.
+  [[nodiscard]] Answer<std::map<std::string, std::string>> datastoreForms() const;
 
   /// The label of the file system on a block device, as udev(7) found it.
   [[nodiscard]] std::optional<std::string> labelOf(const std::string& block) const;

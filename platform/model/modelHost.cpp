@@ -73,6 +73,24 @@ Answer<std::string> nameOf(Answer<VmIdentity> vm) {
   return {std::move(vm.outcome), std::move(vm.value.name)};
 }
 
+/// Of the longest key that ends in a slash and holds the path, which a key of its own goes before.
+Answer<std::string> formOf(const std::string& path, const std::map<std::string, std::string>& forms) {
+  if (const auto own = forms.find(path); own != forms.end() && !path.ends_with('/')) return {{}, own->second};
+  const Answer<std::string> none{{ENOENT, "the model has no such path"}, {}};
+  if (std::filesystem::path(path).lexically_normal().string() != path) return none;
+  // The directory itself is held by its key, too, but there is nothing to be told of it.
+  std::string directory = path.ends_with('/') ? path : path + '/';
+  auto found = forms.find(directory);
+  while (found == forms.end()) {
+    directory.pop_back();
+    directory.erase(directory.rfind('/') + 1);
+    if (directory.empty()) return none;
+    found = forms.find(directory);
+  }
+  if (found->second.empty() || directory.size() >= path.size()) return none;
+  return {{}, found->second + path.substr(directory.size())};
+}
+
 }  // namespace
 
 ModelHost::ModelHost(std::string file) : given_(std::move(file)) {
@@ -214,7 +232,18 @@ Answer<std::string> ModelHost::volumeOfPartition(const std::string& device, std:
 }
 
 Answer<std::string> ModelHost::datastorePath(const std::string& path) const {
-  return query<std::string>("", [&](const ModelFile& model) { return valueOf(model.datastorePaths, path, "path"); });
+  return query<std::string>("", [&](const ModelFile& model) { return formOf(path, model.datastorePaths); });
+}
+
+Answer<std::map<std::string, std::string>> ModelHost::datastoreForms() const {
+  using Forms = std::map<std::string, std::string>;
+  return query<Forms>("", [](const ModelFile& model) { return Answer<Forms>{{}, model.datastorePaths}; });
+}
+
+Answer<std::string> ModelHost::readText() const {
+  Answer<std::string> content = readFile(file_, kModelFileBytes);
+  if (content.ok()) content.outcome = parseModelFile(content.value).outcome;
+  return content;
 }
 
 Answer<VmIdentity> ModelHost::vmByWorldId(std::int64_t worldId) const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -20,6 +21,9 @@ class ModelHost : public Host {
  public:
   /// The host described by `file`; a relative path counts from the directory of this moment.
   explicit ModelHost(std::string file);
+
+  /// The file's text as it is now, where that is a model.
+  [[nodiscard]] Answer<std::string> readText() const;
 
   [[nodiscard]] std::string describe() const override;
   [[nodiscard]] bool buildMatches() const override;
@@ -46,6 +50,7 @@ class ModelHost : public Host {
   [[nodiscard]] Outcome openVolumes() const override;
   [[nodiscard]] Answer<std::string> volumeOfPartition(const std::string& device, std::uint32_t number) const override;
   [[nodiscard]] Answer<std::string> datastorePath(const std::string& path) const override;
+  [[nodiscard]] Answer<std::map<std::string, std::string>> datastoreForms() const override;
 
   [[nodiscard]] Answer<VmIdentity> vmByWorldId(std::int64_t worldId) const override;
   [[nodiscard]] Answer<std::string> vmName(std::int64_t worldId) const override;

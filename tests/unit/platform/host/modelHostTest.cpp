@@ -64,6 +64,29 @@ TEST_F(Model, AnswersWhatTheFileSays) {
   EXPECT_EQ(host_.pageStatus(0x1234).value, 1U);
 }
 
+TEST_F(Model, AKeyWithASlashAtItsEndStandsForThePathsBelowIt) {
+  model_.write(R"({"datastorePaths": {"/": "root: ", "/data/": "datastore1: vm/", "/data/deep/": "datastore2: ",
+                                      "/data/none/": "", "/data/own": "datastore3: x"}})");
+  const auto form = [&](const std::string& path) { return host_.datastorePath(path).value; };
+  EXPECT_EQ(form("/data/a/b c"), "datastore1: vm/a/b c");
+  EXPECT_EQ(form("/data/deep/a"), "datastore2: a") << "the longest key counts";
+  EXPECT_EQ(form("/data/deeper"), "datastore1: vm/deeper");
+  EXPECT_EQ(form("/database"), "root: database");
+  EXPECT_EQ(form("/data/own"), "datastore3: x") << "a path's own key goes before them";
+  EXPECT_EQ(form("/data/a/"), "datastore1: vm/a/");
+  for (const char* const path : {"/data", "/data/", "/", "/data/deep", "/data/none", "/data/none/a", "/data//a",
+                                 "/data/../a", "//a", "a", "data/a", ""}) {
+    EXPECT_EQ(host_.datastorePath(path).outcome.status, ENOENT) << path;
+  }
+}
+
+TEST_F(Model, WithoutAKeyOfTheRootAPathBelowNoKeyHasNoForm) {
+  model_.write(R"({"datastorePaths": {"/data/": "datastore1: "}})");
+  for (const char* const path : {"/other/a", "/", "/datafile", "x/y"}) {
+    EXPECT_EQ(host_.datastorePath(path).outcome.status, ENOENT) << path;
+  }
+}
+
 TEST_F(Model, WhatTheFileDoesNotSayCannotBeReadButForTheDefaults) {
   EXPECT_TRUE(host_.buildMatches());
   EXPECT_EQ(host_.pageRetireThreshold().value, 100U);

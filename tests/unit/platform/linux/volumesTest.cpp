@@ -88,6 +88,7 @@ TEST_F(VolumesTest, WithoutMountsEveryQuestionFailsWithTheReason) {
   EXPECT_EQ(Storage(roots()).openVolumes().status, ENOTSUP);
   EXPECT_EQ(volume(1).outcome.status, ENOTSUP);
   EXPECT_EQ(datastore("/data/a").outcome.status, ENOTSUP);
+  EXPECT_EQ(Storage(roots()).datastoreForms().outcome.status, ENOTSUP);
   mounts({});
   EXPECT_TRUE(Storage(roots()).openVolumes().ok());
 }
@@ -161,6 +162,27 @@ TEST_F(VolumesTest, OnlyPlainAbsolutePathsAreLookedFor) {
                                   std::string("/a\0b", 4), "/" + std::string(5000, 'x')}) {
     EXPECT_EQ(datastore(name).outcome.status, ENOENT) << name.substr(0, 20);
   }
+}
+
+TEST_F(VolumesTest, TheFormsOfPathsAreListedByMount) {
+  mounts({"8:2 / / /dev/sda2", "8:1 / /data /dev/sda1", "8:1 /vm/swap /data/swap /dev/sda1", "0:31 / /data/tmp tmpfs",
+          "0:32 / /proc proc"});
+  write("run/udev/data/b8:1", "E:ID_FS_LABEL=datastore1\n");
+  const auto forms = Storage(roots()).datastoreForms();
+  ASSERT_TRUE(forms.ok());
+  EXPECT_THAT(
+      forms.value,
+      testing::ElementsAre(testing::Pair("/data/", "datastore1: "), testing::Pair("/data/swap", "datastore1: vm/swap"),
+                           testing::Pair("/data/swap/", "datastore1: vm/swap/"), testing::Pair("/data/tmp/", "")));
+  EXPECT_EQ(datastore("/data/swap").value, "datastore1: vm/swap");
+}
+
+TEST_F(VolumesTest, AMountOverAnotherHasItsForm) {
+  mounts({"8:1 /vm /data /dev/sda1", "8:2 / /data /dev/sda2"});
+  write("run/udev/data/b8:1", "E:ID_FS_LABEL=datastore1\n");
+  EXPECT_TRUE(Storage(roots()).datastoreForms().value.empty());
+  write("run/udev/data/b8:2", "E:ID_FS_LABEL=datastore2\n");
+  EXPECT_THAT(Storage(roots()).datastoreForms().value, testing::ElementsAre(testing::Pair("/data/", "datastore2: ")));
 }
 
 TEST_F(VolumesTest, AFileSystemOfNoDeviceIsNoDatastore) {
