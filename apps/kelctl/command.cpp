@@ -13,6 +13,7 @@ namespace {
 constexpr Command kCommands[] = {
     {"emit", "send observations to the daemon", runEmit},
     {"trace", "show the observations read and the events posted", runTrace},
+    {"capture", "record the trace, and what changes on the host", runCapture},
     {"events", "stand in for the management agent and print each event", runEvents},
     {"option", "list, get and set the kernel's advanced options", runOption},
     {"host", "show what the platform sees of this host", runHost},

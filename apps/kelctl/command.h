@@ -19,6 +19,7 @@ struct Command {
 
 int runEmit(const Words& words);
 int runTrace(const Words& words);
+int runCapture(const Words& words);
 int runEvents(const Words& words);
 int runOption(const Words& words);
 int runHost(const Words& words);

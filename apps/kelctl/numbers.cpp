@@ -31,6 +31,18 @@ std::optional<std::uint64_t> parseUnsigned(std::string_view text, std::uint64_t 
   return value && *value <= most ? value : std::nullopt;
 }
 
+std::optional<std::uint64_t> parseSize(std::string_view text) {
+  constexpr std::string_view kUnits = "KMGT";
+  constexpr unsigned kBitsPerUnit = 10;
+  const std::size_t unit = text.empty() ? std::string_view::npos : kUnits.find(text.back());
+  if (unit == std::string_view::npos) return parseWhole<std::uint64_t>(text);
+  const unsigned shift = kBitsPerUnit * static_cast<unsigned>(unit + 1);
+  text.remove_suffix(1);
+  const auto count = parseWhole<std::uint64_t>(text);
+  if (!count || *count > std::numeric_limits<std::uint64_t>::max() >> shift) return std::nullopt;
+  return *count << shift;
+}
+
 std::optional<std::int64_t> parseSigned(std::string_view text, unsigned bits) {
   if (isHexadecimal(text)) {
     if (bits == kWordBits) {

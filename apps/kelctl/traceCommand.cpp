@@ -11,8 +11,8 @@
 #include "failure.h"
 #include "glob.h"
 #include "host/files.h"
-#include "localConnection.h"
 #include "stopSignals.h"
+#include "traceConnection.h"
 #include "traceLine.h"
 
 namespace kelctl {
@@ -98,18 +98,6 @@ class TraceView {
   Output& out_;
   bool inHistory_ = true;
 };
-
-platform::UniqueFd connectToTrace() {
-  const std::string path = runPath("keld-trace.sock");
-  platform::UniqueFd fd;
-  const int status = connectStream(path, &fd);
-  if (status == 0) return fd;
-  const char* advice = "";
-  if (status == ENOENT || status == ECONNREFUSED) advice = "; is keld running?";
-  if (status == EACCES) advice = "; run as root or as keld's user";
-  if (status == EAGAIN) advice = "; keld takes no clients, is it stopped?";
-  throw Failure(fmt::format("cannot reach keld's trace socket at {}: {}{}", path, platform::errnoText(status), advice));
-}
 
 /// Reads until the view has enough, a signal comes or nobody reads standard output any more.
 int watch(int fd, TraceView& view, Output& out) {

@@ -136,8 +136,18 @@ void TraceSplitter::beginEntry(std::size_t at) {
   fieldBegins_ = true;
 }
 
+std::size_t TraceSplitter::findDirectiveEnd() {
+  const std::size_t end = pending_.find('\n', scanned_);
+  const std::size_t limit = begin_ + kMaxDirectiveBytes;
+  scanned_ = std::min({end, limit, pending_.size()});
+  recovered_ = scanned_ == limit && end != limit;
+  return scanned_ < pending_.size() ? scanned_ : std::string::npos;
+}
+
 // Steps through what has not been looked at. Returns the end of the first entry, or npos.
 std::size_t TraceSplitter::findEnd() {
+  recovered_ = false;
+  if (begin_ < pending_.size() && pending_[begin_] == '#') return findDirectiveEnd();
   for (; scanned_ < pending_.size(); ++scanned_) {
     const char c = pending_[scanned_];
     if (c == '\n') {
@@ -153,13 +163,14 @@ std::size_t TraceSplitter::findEnd() {
     }
     fieldBegins_ = c == ',' && !quoted_;
     if (fieldBegins_) ++commas_;
-    if (scanned_ - begin_ >= kMaxEntryBytes) return std::min(firstEnd_, scanned_);
+    recovered_ = scanned_ - begin_ >= kMaxEntryBytes;
+    if (recovered_) return std::min(firstEnd_, scanned_);
   }
-  return std::string::npos;
+  recovered_ = ended_ && firstEnd_ != std::string::npos;
+  return recovered_ ? firstEnd_ : std::string::npos;
 }
 
-void TraceSplitter::feed(std::string_view bytes, const std::function<bool(std::string_view)>& take) {
-  pending_ += bytes;
+void TraceSplitter::parts(const std::function<bool(std::string_view)>& take) {
   bool wanted = true;
   while (wanted) {
     const std::size_t end = findEnd();
@@ -172,6 +183,16 @@ void TraceSplitter::feed(std::string_view bytes, const std::function<bool(std::s
   if (firstEnd_ != std::string::npos) firstEnd_ -= begin_;
   if (closedAt_ != std::string::npos) closedAt_ -= begin_;
   begin_ = 0;
+}
+
+void TraceSplitter::feed(std::string_view bytes, const std::function<bool(std::string_view)>& take) {
+  pending_ += bytes;
+  parts(take);
+}
+
+void TraceSplitter::finish(const std::function<bool(std::string_view)>& take) {
+  ended_ = true;
+  parts(take);
 }
 
 }  // namespace kelctl

@@ -40,22 +40,32 @@ std::string traceJson(const TraceEntry& entry);
 
 /// Parts a stream of bytes into entries. A line feed between an argument's quotes belongs to the
 /// entry; quotes that are still open after kMaxEntryBytes are taken for none, so that nothing
-/// a sender puts into an identifier can swallow what follows.
+/// a sender puts into an identifier can swallow what follows. An entry that begins with '#' (a
+/// capture's own, docs/formats/capture.md) ends at its first line feed.
 class TraceSplitter {
  public:
   static constexpr std::size_t kMaxEntryBytes = std::size_t{1} << 20;
+  /// Longest entry that begins with '#'; a longer one is cut.
+  static constexpr std::size_t kMaxDirectiveBytes = std::size_t{16} << 20;
 
   /// Takes more bytes, and calls `take` with each entry that they complete, without its line feed.
   /// An empty one is the mark between history and what follows it. Where `take` returns false,
   /// the rest is kept for the next call.
   void feed(std::string_view bytes, const std::function<bool(std::string_view)>& take);
+  /// No more bytes come: quotes that are open are taken for none, too. What has no line feed stays pending.
+  void finish(const std::function<bool(std::string_view)>& take);
+
+  /// Inside `take`: whether the entry ended between quotes, or was cut.
+  [[nodiscard]] bool recovered() const { return recovered_; }
 
   /// Bytes of an entry that has not ended.
   [[nodiscard]] std::size_t pending() const { return pending_.size(); }
 
  private:
   void beginEntry(std::size_t at);
+  void parts(const std::function<bool(std::string_view)>& take);
   [[nodiscard]] std::size_t findEnd();
+  [[nodiscard]] std::size_t findDirectiveEnd();
 
   // Places in pending_; npos where there is none.
   std::string pending_;
@@ -66,6 +76,8 @@ class TraceSplitter {
   std::uint64_t commas_ = 0;                  // outside quotes
   bool quoted_ = false;
   bool fieldBegins_ = true;
+  bool recovered_ = false;
+  bool ended_ = false;
 };
 
 }  // namespace kelctl

@@ -8,6 +8,7 @@ namespace {
 
 using kelctl::parseDouble;
 using kelctl::parseSigned;
+using kelctl::parseSize;
 using kelctl::parseUnsigned;
 
 constexpr std::uint64_t kMost32 = 4294967295U;
@@ -31,6 +32,23 @@ TEST(ParseUnsigned, RefusesWhatIsBeyond) {
 TEST(ParseUnsigned, RefusesOtherText) {
   for (const char* text : {"", "0x", "-1", "+1", " 1", "1 ", "1x", "0x-1", "x", "1.0", "0x0x1"}) {
     EXPECT_EQ(parseUnsigned(text), std::nullopt) << text;
+  }
+}
+
+TEST(ParseSize, TakesUnitsOf1024) {
+  EXPECT_EQ(parseSize("0"), 0U);
+  EXPECT_EQ(parseSize("1000"), 1000U);
+  EXPECT_EQ(parseSize("1K"), 1024U);
+  EXPECT_EQ(parseSize("64M"), 67'108'864U);
+  EXPECT_EQ(parseSize("3G"), 3'221'225'472U);
+  EXPECT_EQ(parseSize("2T"), 2'199'023'255'552U);
+  EXPECT_EQ(parseSize("16777215T"), 18'446'742'974'197'923'840U);
+}
+
+TEST(ParseSize, RefusesOtherText) {
+  for (const char* text :
+       {"", "K", "1k", "1MB", "-1", "1.5M", "0x10", " 1", "M1", "16777216T", "18446744073709551616"}) {
+    EXPECT_EQ(parseSize(text), std::nullopt) << text;
   }
 }
 

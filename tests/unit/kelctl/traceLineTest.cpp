@@ -142,6 +142,51 @@ TEST_F(TraceSplitterTest, HoldsNoMoreThanTheLongestEntry) {
   EXPECT_LE(splitter_.pending(), TraceSplitter::kMaxEntryBytes);
 }
 
+TEST_F(TraceSplitterTest, AnEntryThatBeginsWithAHashEndsAtItsFirstLineFeed) {
+  const std::string directive = R"(#facts 1767225600.000000042 {"a,":"b,c,d,e,"f)";
+  const std::string text = directive + "\n" + kHead + ",\"a\n#b\"\n#\n# \"\n" + kHead + "\n";
+  const std::vector<std::string> expected{directive, std::string(kHead) + ",\"a\n#b\"", "#", "# \"", kHead};
+  for (const std::size_t chunk : {std::size_t{1}, std::size_t{7}, text.size()}) {
+    entries_.clear();
+    for (std::size_t at = 0; at < text.size(); at += chunk) feed(std::string_view(text).substr(at, chunk));
+    EXPECT_EQ(entries_, expected) << "in chunks of " << chunk;
+  }
+}
+
+TEST_F(TraceSplitterTest, AnEntryThatBeginsWithAHashMayBeLonger) {
+  const std::string longest = "#" + std::string(TraceSplitter::kMaxDirectiveBytes - 1, '"');
+  for (std::size_t at = 0; at < longest.size(); at += 65536) feed(std::string_view(longest).substr(at, 65536));
+  feed("\n");
+  EXPECT_EQ(entries_, std::vector<std::string>{longest});
+  for (int n = 0; n < 258; ++n) feed(n == 0 ? "#" : std::string(65536, 'x'));
+  EXPECT_EQ(entries_.size(), 2U);
+  EXPECT_EQ(entries_[1].size(), TraceSplitter::kMaxDirectiveBytes) << "a longer one is cut";
+}
+
+TEST_F(TraceSplitterTest, TellsAnEntryThatWasNotEndedInOrder) {
+  std::vector<bool> recovered;
+  const auto take = [&](std::string_view) {
+    recovered.push_back(splitter_.recovered());
+    return true;
+  };
+  splitter_.feed("1.0,IN,1,kel.x,,\"a\nb\"\n1.0,IN,1,kel.a,b,,\"\n", take);
+  EXPECT_EQ(recovered, std::vector<bool>{false});
+  splitter_.feed(std::string(TraceSplitter::kMaxEntryBytes, 'x') + "\n#\n\n", take);
+  EXPECT_EQ(recovered, (std::vector<bool>{false, true, false, false, false}));
+}
+
+TEST_F(TraceSplitterTest, AtTheEndOpenQuotesAreNone) {
+  const std::string line = std::string(kHead) + ",1";
+  feed("1.0,IN,1,kel.a,b,,\"\n" + line + "\n" + line + "\n1.0,IN");
+  EXPECT_TRUE(entries_.empty());
+  splitter_.finish([this](std::string_view entry) {
+    entries_.emplace_back(entry);
+    return true;
+  });
+  EXPECT_EQ(entries_, (std::vector<std::string>{"1.0,IN,1,kel.a,b,,\"", line, line}));
+  EXPECT_EQ(splitter_.pending(), std::string("1.0,IN").size());
+}
+
 TEST_F(TraceSplitterTest, StopsWhereToldTo) {
   int taken = 0;
   splitter_.feed("a\nb\nc\n", [&](std::string_view) { return ++taken < 2; });
