@@ -121,7 +121,7 @@ Answer<std::map<std::string, std::string>> Volumes::datastoreForms() const {
       if (!inside.empty()) forms.value[point] = *label + ": " + inside;
       labelled.push_back(directory);
     } else if (std::any_of(labelled.begin(), labelled.end(),
-                           [&](const auto& above) { return point.starts_with(above); })) {
+                           [&, &below = point](const auto& above) { return below.starts_with(above); })) {
       forms.value[directory] = "";
     }
   }
