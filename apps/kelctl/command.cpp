@@ -22,6 +22,7 @@ constexpr Command kCommands[] = {
     {"store", "show and delete what the configuration store keeps", runStore},
     {"boot-report", "report once in a boot why the host went down before", runBootReport},
     {"replay", "run a capture again and print what the daemon would have said", runReplay},
+    {"explain", "tell why events were, or were not, posted", runExplain},
 };
 
 std::string usage() {

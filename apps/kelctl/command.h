@@ -28,6 +28,7 @@ int runSelftest(const Words& words);
 int runStore(const Words& words);
 int runBootReport(const Words& words);
 int runReplay(const Words& words);
+int runExplain(const Words& words);
 
 /// All sub-commands in the order in which the help lists them.
 std::span<const Command> commands();

@@ -7,6 +7,7 @@
 
 #include "console.h"
 #include "failure.h"
+#include "glob.h"
 #include "keldDelivery.h"
 #include "keldVprob.h"
 #include "replayRun.h"
@@ -71,7 +72,7 @@ void Coverage::posted(std::string_view /*record*/, std::string_view /*line*/) {
   if (by_ != nullptr) see(rows_, id_);
 }
 
-int reportCoverage(const std::vector<std::string>& places) {
+int reportCoverage(const std::vector<std::string>& places, const std::vector<std::string>& except) {
   if (places.empty()) throw UsageError("--coverage takes captures, or directories of them");
   Coverage coverage;
   std::size_t captures = 0;
@@ -90,8 +91,11 @@ int reportCoverage(const std::vector<std::string>& places) {
     out.write(fmt::format("{:<10} {} of {}\n", part->name, part->seen.size(), part->known.size()));
     for (const std::string_view name : part->known) {
       if (part->seen.contains(name)) continue;
-      whole = false;
-      out.write(out.paint(Colour::red, fmt::format("  {}", name)) + "\n");
+      const bool excepted = !except.empty() && matchesAny(except, std::string(name));
+      whole = whole && excepted;
+      out.write(
+          out.paint(excepted ? Colour::dim : Colour::red, fmt::format("  {}{}", name, excepted ? " (excepted)" : "")) +
+          "\n");
     }
   }
   out.flush();

@@ -42,7 +42,8 @@ class Coverage final : public ReplayWatcher {
 };
 
 /// Replays every capture that `places` (files, or directories with files NAME.capture) hold, and prints what was
-/// exercised and what not. Returns the exit status: failed where something was not. Throws Failure.
-int reportCoverage(const std::vector<std::string>& places);
+/// exercised and what not. What matches one of `except` is told, and not missed. Returns the exit status: failed where
+/// something was not. Throws Failure.
+int reportCoverage(const std::vector<std::string>& places, const std::vector<std::string>& except);
 
 }  // namespace kelctl

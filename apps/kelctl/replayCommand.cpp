@@ -30,6 +30,7 @@ struct ReplayOptions {
   std::vector<std::string> files;
   std::vector<std::string> globs;
   std::vector<std::string> options;
+  std::vector<std::string> except;
   std::optional<std::string> host, until, from, speed, page;
 };
 
@@ -41,6 +42,7 @@ void declare(CommandLine& line, ReplayOptions& options) {
   line.addText("--html", "FILE", options.page, "write a page with a time line of the replay");
   line.addFlag("--coverage", options.coverage,
                "list the rows, handlers and decisions that captures exercise; exit status 1 where some are not");
+  line.addTexts("--except", "GLOB", options.except, "with --coverage, do without what matches GLOB; may be repeated");
   line.addText("--host", "model:FILE", options.host, "the host, in the place of what the capture says of it");
   line.addTexts("--option", "GROUP/NAME=VALUE", options.options, "an advanced option; may be repeated");
   line.addText("--from", "TIME", options.from, "print nothing before TIME, such as 2026-01-01T12:00:00Z");
@@ -156,7 +158,7 @@ int runReplay(const Words& words) {
                    "daemon would have said. Nothing is done to the host.");
   declare(line, options);
   if (!line.parse(words)) return kDone;
-  if (options.coverage) return reportCoverage(options.files);
+  if (options.coverage) return reportCoverage(options.files, options.except);
   const ReplayInput input = inputOf(options);
   const auto from = options.from ? std::optional(parseTime("--from", *options.from)) : std::nullopt;
   if (options.page) return writePage(options, input, from);

@@ -164,6 +164,8 @@ class Run {
   bool take(const CaptureItem& item) {
     ++items_;
     if (const auto* const header = std::get_if<CaptureHeader>(&item.what)) {
+      // A capture that was added to goes on behind its end.
+      ended_ = false;
       if (!input_.host) {
         Json facts = header->facts;
         if (!header->options.empty()) facts["options"].update(header->options);
