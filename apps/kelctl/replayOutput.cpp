@@ -63,6 +63,11 @@ void ReplayLines::json(std::string_view kind, Json rest) {
 }
 
 void ReplayLines::posted(std::string_view record, std::string_view line) {
+  // The plain trace of a whole day: nothing of the record is needed.
+  if (form_ == ReplayForm::trace && globs_.empty()) {
+    if (!from_ || now_ >= *from_) write_(line);
+    return;
+  }
   const auto decoded = platform::decodeEventRecord(std::string(record));
   const auto* const event = std::get_if<platform::EventRecord>(&decoded);
   if (event == nullptr || !wants(event->name)) return;
