@@ -42,7 +42,11 @@ void CommandLine::addText(const std::string& name, const std::string& type, std:
 
 void CommandLine::addTexts(const std::string& name, const std::string& type, std::vector<std::string>& values,
                            const std::string& description) {
-  parser_->app->add_option(name, values, description)->type_name(type)->expected(1)->take_all();
+  parser_->app->add_option(name, values, description)
+      ->type_name(type)
+      ->expected(1)
+      ->take_all()
+      ->allow_extra_args(false);
 }
 
 void CommandLine::addCount(const std::string& name, std::optional<std::uint64_t>& value, std::uint64_t least,

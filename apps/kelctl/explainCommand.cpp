@@ -102,10 +102,16 @@ int runExplain(const Words& words) {
     out.write(options.json ? jsonLine(storyJson(step)) + "\n" : explainStep(step));
   });
   StoryTeller teller([&](StoryStep&& step) { explainer.take(std::move(step)); });
-  replay(input, teller);
+  bool sawObservation = false;
+  replay(input, teller, [&](const CaptureItem& item) {
+    sawObservation = sawObservation || std::holds_alternative<TraceEntry>(item.what);
+  });
   teller.finish();
   out.flush();
-  if (explainer.explained() == 0) throw Failure("nothing there that was asked for");
+  if (explainer.explained() == 0) {
+    throw Failure(input.content && !sawObservation ? "the daemon remembers nothing yet"
+                                                   : "nothing there that was asked for");
+  }
   return kDone;
 }
 

@@ -46,15 +46,21 @@ void declare(CommandLine& line, ReplayOptions& options) {
   line.addText("--host", "model:FILE", options.host, "the host, in the place of what the capture says of it");
   line.addTexts("--option", "GROUP/NAME=VALUE", options.options, "an advanced option; may be repeated");
   line.addText("--from", "TIME", options.from, "print nothing before TIME, such as 2026-01-01T12:00:00Z");
-  line.addText("--until", "TIME", options.until, "end at TIME");
-  line.addTexts("--id", "GLOB", options.globs, "print only what matches GLOB; may be repeated");
-  line.addText("--speed", "X", options.speed, "go X times as fast as it happened, not as fast as can be");
+  line.addText("--until", "TIME", options.until, "run nothing behind TIME");
+  line.addTexts("--id", "GLOB", options.globs,
+                "print only events and actions whose name matches GLOB; may be repeated");
+  line.addText("--speed", "X", options.speed,
+               "go X times as fast as it happened (1: as it happened), not as fast as can be");
   line.addFlag("--strict", options.strict, "end at the first line that cannot be read");
   for (const char* const form : {"--text", "--diff", "--html", "--coverage"}) line.exclude("--json", form);
   for (const char* const form : {"--diff", "--html", "--coverage"}) line.exclude("--text", form);
   line.exclude("--diff", "--html");
   line.exclude("--coverage", "--diff");
   line.exclude("--coverage", "--html");
+  line.exclude("--html", "--id");
+  for (const char* const other : {"--from", "--until", "--id", "--option", "--host", "--strict", "--speed"}) {
+    line.exclude("--coverage", other);
+  }
 }
 
 ReplayInput inputOf(const ReplayOptions& options) {
@@ -158,6 +164,8 @@ int runReplay(const Words& words) {
                    "daemon would have said. Nothing is done to the host.");
   declare(line, options);
   if (!line.parse(words)) return kDone;
+  if (!options.except.empty() && !options.coverage) throw UsageError("--except goes with --coverage only");
+  if (options.page == "-") throw UsageError("--html takes the name of a file");
   if (options.coverage) return reportCoverage(options.files, options.except);
   const ReplayInput input = inputOf(options);
   const auto from = options.from ? std::optional(parseTime("--from", *options.from)) : std::nullopt;

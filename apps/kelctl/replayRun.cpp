@@ -215,19 +215,35 @@ std::optional<int> takeNumber(std::string_view& rest, std::size_t digits) {
   return value ? std::optional(static_cast<int>(*value)) : std::nullopt;
 }
 
+/// A point and up to nine digits; none is no fraction. Nothing where the point has no digits behind it.
+std::optional<std::chrono::nanoseconds> takeFraction(std::string_view& rest) {
+  if (!rest.starts_with('.')) return std::chrono::nanoseconds(0);
+  rest.remove_prefix(1);
+  std::int64_t unit = std::nano::den;
+  std::int64_t value = 0;
+  const std::size_t before = rest.size();
+  for (; !rest.empty() && rest.front() >= '0' && rest.front() <= '9' && unit > 1; rest.remove_prefix(1)) {
+    unit /= 10;
+    value += (rest.front() - '0') * unit;
+  }
+  return rest.size() < before ? std::optional(std::chrono::nanoseconds(value)) : std::nullopt;
+}
+
+/// A date, and as much of the time of day as there is.
 std::optional<WallTime> parseDate(std::string_view rest) {
   const auto year = takeNumber(rest, 4);
   std::array<int, 5> parts{1, 1, 0, 0, 0};  // month, day, hour, minute, second
   constexpr std::array<char, 5> kBefore{'-', '-', 'T', ':', ':'};
   if (!year) return std::nullopt;
-  for (std::size_t n = 0; n < parts.size() && !rest.empty() && rest != "Z"; ++n) {
+  for (std::size_t n = 0; n < parts.size() && !rest.empty() && rest != "Z" && rest.front() != '.'; ++n) {
     if (rest.front() != kBefore[n]) return std::nullopt;
     rest.remove_prefix(1);
     const auto part = takeNumber(rest, 2);
     if (!part) return std::nullopt;
     parts[n] = *part;
   }
-  if (!rest.empty() && rest != "Z") return std::nullopt;
+  const auto fraction = takeFraction(rest);
+  if (!fraction || (!rest.empty() && rest != "Z")) return std::nullopt;
   const std::chrono::year_month_day date{std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(parts[0])),
                                          std::chrono::day(static_cast<unsigned>(parts[1]))};
   constexpr int kFirstYear = 1970;
@@ -236,7 +252,7 @@ std::optional<WallTime> parseDate(std::string_view rest) {
     return std::nullopt;
   }
   return WallTime(std::chrono::sys_days(date)) + std::chrono::hours(parts[2]) + std::chrono::minutes(parts[3]) +
-         std::chrono::seconds(parts[4]);
+         std::chrono::seconds(parts[4]) + *fraction;
 }
 
 }  // namespace
