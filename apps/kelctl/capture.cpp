@@ -21,9 +21,13 @@ std::string_view takeWord(std::string_view& rest) {
 
 /// An object; nothing where the text is none.
 std::optional<Json> parseObject(std::string_view text) {
-  const auto shallow = [](int depth, Json::parse_event_t, Json&) { return depth <= kDeepest; };
+  bool tooDeep = false;
+  const auto shallow = [&](int depth, Json::parse_event_t, Json&) {
+    tooDeep = tooDeep || depth > kDeepest;
+    return !tooDeep;
+  };
   Json value = Json::parse(text.begin(), text.end(), shallow, false);
-  if (!value.is_object()) return std::nullopt;
+  if (tooDeep || !value.is_object()) return std::nullopt;
   return value;
 }
 
@@ -60,6 +64,7 @@ WallTime momentOf(std::uint64_t seconds, std::uint32_t nanoseconds) {
 std::optional<WallTime> parseMoment(std::string_view text) {
   constexpr std::size_t kNanosecondDigits = 9;
   const std::size_t point = text.find('.');
+  if (text.find_first_not_of("0123456789.") != std::string_view::npos) return std::nullopt;
   if (point == std::string_view::npos || text.size() - point - 1 != kNanosecondDigits) return std::nullopt;
   const auto seconds = parseUnsigned(text.substr(0, point));
   const auto nanoseconds = parseUnsigned(text.substr(point + 1));
@@ -72,9 +77,18 @@ bool CaptureReader::feed(std::string_view bytes) {
   return wanted_;
 }
 
+void CaptureReader::finish() {
+  if (wanted_) splitter_.finish([this](std::string_view line) { return wanted_ = takeLine(line); });
+}
+
 bool CaptureReader::takeLine(std::string_view line) {
   const std::uint64_t number = line_;
-  line_ += 1 + static_cast<std::uint64_t>(std::count(line.begin(), line.end(), '\n'));
+  const bool rest = std::exchange(overlong_, splitter_.cut());
+  line_ += static_cast<std::uint64_t>(std::count(line.begin(), line.end(), '\n')) + (overlong_ ? 0 : 1);
+  if (rest || overlong_) {
+    if (!rest) refuse_(number, "longer than any line of a trace");
+    return true;
+  }
   const bool comment = line == "#" || line.starts_with("# ");
   if (line.empty() || comment) return true;
   std::string reason;

@@ -60,6 +60,8 @@ class CaptureReader {
 
   /// Takes more bytes. False once no more is wanted.
   bool feed(std::string_view bytes);
+  /// No more bytes come: a quote that is open costs its own line alone.
+  void finish();
   /// True where the last line had no end, and was left out.
   [[nodiscard]] bool cut() const { return splitter_.pending() != 0; }
 
@@ -71,6 +73,7 @@ class CaptureReader {
   Refuse refuse_;
   TraceSplitter splitter_;
   std::uint64_t line_ = 1;
+  bool overlong_ = false;  // what comes is the rest of a line that was refused
   bool wanted_ = true;
 };
 

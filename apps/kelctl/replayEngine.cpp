@@ -57,9 +57,10 @@ struct ToArgument {
     return text;
   }
   KelEmit::Argument operator()(std::int64_t value) const {
-    const auto narrow = static_cast<std::int32_t>(value);
-    if (narrow != value || read == "int64") return value;
-    return narrow;
+    if (read == "int64") return value;
+    if (std::in_range<std::int32_t>(value)) return static_cast<std::int32_t>(value);
+    if (std::in_range<std::uint32_t>(value)) return static_cast<std::uint32_t>(value);
+    return value;
   }
   KelEmit::Argument operator()(std::uint64_t value) const { return value; }
   KelEmit::Argument operator()(TraceUnknown /*unknown*/) const { return 0.0; }
@@ -168,6 +169,12 @@ std::string scratchLink(const Json& facts) {
 
 }  // namespace
 
+void setOptions(Json& facts, const Json& options) {
+  if (options.empty()) return;
+  const auto those = facts.emplace(kOptions, Json::object()).first;
+  if (those->is_object()) those->update(options);
+}
+
 /// What a start of the daemon makes anew.
 class ReplayEngine::Daemon {
  public:
@@ -230,7 +237,7 @@ ReplayEngine::~ReplayEngine() = default;
 
 std::string ReplayEngine::setFacts(const Json& facts) {
   Json model = facts;
-  if (!overrides_.empty()) model[kOptions].update(overrides_);
+  setOptions(model, overrides_);
   model.erase(kScratch);
   auto parsed = platform::parseModelFile(jsonLine(model));
   if (!parsed.ok()) return platform::reasonOf(parsed.outcome);

@@ -47,6 +47,9 @@ class ReplayWatcher : public keld::DecisionListener {
   virtual void stopped(const std::string& /*why*/) {}
 };
 
+/// Puts options before those among a host's facts. What stands there and is no object stays, to be refused.
+void setOptions(Json& facts, const Json& options);
+
 /// One replay. Used by one thread; only one exists at a time in a process, since it puts its host and its
 /// log in the place of the process's.
 class ReplayEngine {

@@ -120,6 +120,7 @@ class Run {
     if (input_.content) {
       CaptureReader reader = makeReader();
       reader.feed(*input_.content);
+      reader.finish();
       return;
     }
     const platform::UniqueFd opened(input_.file == "-" ? -1 : ::open(input_.file.c_str(), O_RDONLY | O_CLOEXEC));
@@ -159,6 +160,7 @@ class Run {
       progress.read(static_cast<std::size_t>(got));
       if (!reader.feed({chunk.data(), static_cast<std::size_t>(got)})) break;
     }
+    reader.finish();
   }
 
   bool take(const CaptureItem& item) {
@@ -168,7 +170,7 @@ class Run {
       ended_ = false;
       if (!input_.host) {
         Json facts = header->facts;
-        if (!header->options.empty()) facts["options"].update(header->options);
+        setOptions(facts, header->options);
         refuseFacts(engine_.setFacts(facts), item.line);
       }
       if (see_) see_(item);

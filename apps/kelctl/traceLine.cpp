@@ -175,6 +175,7 @@ void TraceSplitter::parts(const std::function<bool(std::string_view)>& take) {
   while (wanted) {
     const std::size_t end = findEnd();
     if (end == std::string::npos) break;
+    cut_ = pending_[end] != '\n';
     wanted = take(std::string_view(pending_).substr(begin_, end - begin_));
     beginEntry(end + 1);
   }

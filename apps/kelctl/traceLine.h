@@ -57,6 +57,8 @@ class TraceSplitter {
 
   /// Inside `take`: whether the entry ended between quotes, or was cut.
   [[nodiscard]] bool recovered() const { return recovered_; }
+  /// Inside `take`: whether the entry was cut, and what comes next is the rest of its line.
+  [[nodiscard]] bool cut() const { return cut_; }
 
   /// Bytes of an entry that has not ended.
   [[nodiscard]] std::size_t pending() const { return pending_.size(); }
@@ -77,6 +79,7 @@ class TraceSplitter {
   bool quoted_ = false;
   bool fieldBegins_ = true;
   bool recovered_ = false;
+  bool cut_ = false;
   bool ended_ = false;
 };
 
