@@ -29,7 +29,11 @@ std::string_view withoutTimes(std::string_view line) {
 void ReplayDiff::see(const CaptureItem& item) {
   if (std::holds_alternative<CaptureHeader>(item.what)) return;
   const auto* const entry = std::get_if<TraceEntry>(&item.what);
-  if (entry != nullptr && entry->direction == TraceDirection::out) add(item.text, Side::captured);
+  if (entry != nullptr && entry->direction == TraceDirection::out) {
+    // The replay does not go on with an event, only with what happens next.
+    add(item.text, Side::captured);
+    return;
+  }
   now_ = secondOf(item.time);
   settle(now_ - kTolerance - 1);
 }
