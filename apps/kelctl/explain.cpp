@@ -50,6 +50,12 @@ bool settlesLater(const StoryDecision& decision) {
   return decision.decision->kind == keld::DecisionKind::waits;
 }
 
+bool stillWaits(const StoryTaken& taken, const std::string& subject) {
+  return std::any_of(taken.decisions.begin(), taken.decisions.end(), [&](const StoryDecision& decision) {
+    return decision.subject == subject && settlesLater(decision);
+  });
+}
+
 template <typename Any>
 bool anyOf(const StoryStep& step, const Any& any) {
   return std::any_of(step.taken.begin(), step.taken.end(), any);
@@ -113,28 +119,37 @@ void Explainer::write(const StoryStep& step) {
 }
 
 void Explainer::take(StoryStep&& step) {
+  if (step.what == ReplayStep::What::restart) {
+    // What waited is gone.
+    onRecord_.clear();
+    following_.clear();
+    remembered_ = 0;
+  }
   const bool told = wanted(step) || followed(step);
   if (step.what == ReplayStep::What::timer) settle(step, told);
   if (told) write(step);
   if (step.what == ReplayStep::What::observation) remember(step, told);
 }
 
-/// What a timer speaks of is off the record. Where the timer is told of, so is what stood there untold.
+/// What a timer settles is off the record. Where the timer is told of, so is what stood there untold.
 void Explainer::settle(const StoryStep& step, bool told) {
+  std::map<std::uint64_t, StoryStep> untold;
   for (const StoryTaken& taken : step.taken) {
     for (const StoryDecision& decision : taken.decisions) {
+      if (settlesLater(decision)) continue;
       const Matter matter{taken.correlator, decision.subject};
-      const auto found = onRecord_.find(matter);
-      if (found != onRecord_.end()) {
-        for (const StoryStep& before : found->second) {
-          if (told) write(before);
-        }
+      const bool waits = stillWaits(taken, decision.subject);
+      if (const auto found = onRecord_.find(matter); found != onRecord_.end() && (told || !waits)) {
         remembered_ -= found->second.size();
+        for (StoryStep& before : found->second) untold.try_emplace(before.line, std::move(before));
         onRecord_.erase(found);
       }
-      if (told) following_.erase(matter);
+      if (told && waits) following_.insert(matter);
+      if (told && !waits) following_.erase(matter);
     }
   }
+  if (!told) return;
+  for (const auto& [line, before] : untold) write(before);
 }
 
 void Explainer::remember(const StoryStep& step, bool told) {
@@ -144,10 +159,13 @@ void Explainer::remember(const StoryStep& step, bool told) {
       const Matter matter{taken.correlator, decision.subject};
       if (told) {
         following_.insert(matter);
-      } else if (remembered_ < kMostRemembered) {
-        onRecord_[matter].push_back(step);
-        ++remembered_;
+        continue;
       }
+      std::vector<StoryStep>& steps = onRecord_[matter];
+      const bool known = !steps.empty() && steps.back().line == step.line;
+      if (known || remembered_ == kMostRemembered) continue;
+      steps.push_back(step);
+      ++remembered_;
     }
   }
 }
