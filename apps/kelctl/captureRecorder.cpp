@@ -102,10 +102,23 @@ void CaptureRecorder::writeEntry(const Entry& entry) {
   const auto time = renderingTime(entry.text);
   if (time && step_) {
     const bool forwards = step_->to > step_->from;
-    if (forwards ? *time > step_->from : !newestTime_ || *time < *newestTime_) writeStep();
+    if (forwards ? *time > step_->from : !newestTime_ || *time < *newestTime_) {
+      backdateStep(*time);
+      writeStep();
+    }
   }
   write_(captureEntry(entry.text, entry.recovered));
   if (time) newestTime_ = time;
+}
+
+// It was noticed a moment after the line that shows it; told so late, that line would seem to be another
+// setting, backwards.
+void CaptureRecorder::backdateStep(CaptureTime time) {
+  if (time >= step_->to) return;
+  const CaptureTime noticed = step_->to - time;
+  step_->from -= noticed;
+  if (newestTime_) step_->from = std::max(step_->from, *newestTime_);
+  step_->to = time;
 }
 
 void CaptureRecorder::lookAtClock() {

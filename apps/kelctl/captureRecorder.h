@@ -55,6 +55,7 @@ class CaptureRecorder {
   void writeBatch();
   void lookAtClock();
   void lookAtFacts(CaptureTime time);
+  void backdateStep(CaptureTime time);
   void writeStep();
   void writeEntry(const Entry& entry);
   [[nodiscard]] CaptureTime firstTime() const;

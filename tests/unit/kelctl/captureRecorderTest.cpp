@@ -178,6 +178,21 @@ TEST_F(CaptureRecorderTest, TheClocksSettingStandsBetweenTheLinesItCameBetween) 
   EXPECT_EQ(written(), line(3600.9) + "#step " + at(3601) + " " + at(100) + "\n" + line(100) + line(100.1));
 }
 
+TEST_F(CaptureRecorderTest, AClocksSettingThatIsNoticedLateIsToldAsOfTheLineThatShowsIt) {
+  auto recorder = this->recorder(false);
+  recorder.connected();
+  recorder.take("\n" + line(0));
+  pass(1);
+  setClock(3600);
+  pass(5);
+  recorder.take(line(3602));
+  EXPECT_EQ(written(), line(0) + "#step " + at(3) + " " + at(3602) + "\n" + line(3602));
+  setClock(100);
+  pass(2);
+  recorder.take(line(3604.5) + line(101));
+  EXPECT_EQ(written(), line(3604.5) + "#step " + at(3606) + " " + at(101) + "\n" + line(101));
+}
+
 TEST_F(CaptureRecorderTest, TheClocksSettingIsToldWithoutALineOnceAllIsTaken) {
   auto recorder = this->recorder(false);
   recorder.connected();
