@@ -438,5 +438,45 @@ TEST_F(LiveAndReplay, AgreeForEveryCorrelatorWhileHoursPass) {
   EXPECT_EQ(actionsIn(replay({"--json"}).output), done);
 }
 
+/// On a machine whose cores are all busy.
+class ReplayedUnderLoad : public EndToEnd, public testing::WithParamInterface<const char*> {};
+
+TEST_P(ReplayedUnderLoad, GivesTheSameBytesEachTimeInEachForm) {
+  constexpr int kRounds = 5;
+  constexpr int kAtOnce = 4;
+  Program one(workspace(), "/bin/sh", {"-c", "while :; do :; done"});
+  Program other(workspace(), "/bin/sh", {"-c", "while :; do :; done"});
+  one.start();
+  other.start();
+  const std::string capture = std::string(KELD_GOLDEN_DIRECTORY "/") + GetParam() + ".capture";
+  for (const std::vector<std::string>& form :
+       {std::vector<std::string>{"--text"}, std::vector<std::string>{"--json"}, std::vector<std::string>{}}) {
+    SCOPED_TRACE(testing::PrintToString(form));
+    std::vector<std::string> words{"replay", capture};
+    words.insert(words.end(), form.begin(), form.end());
+    const std::string first = run(workspace(), KELCTL_PROGRAM, words).output;
+    EXPECT_FALSE(first.empty());
+    for (int round = 0; round < kRounds; ++round) {
+      std::vector<std::unique_ptr<Program>> programs;
+      for (int n = 0; n < kAtOnce; ++n) {
+        programs.push_back(std::make_unique<Program>(workspace(), KELCTL_PROGRAM, words));
+        programs.back()->start();
+      }
+      for (const auto& program : programs) {
+        EXPECT_TRUE(program->waitForEnd().with(0)) << program->standardError();
+        EXPECT_TRUE(program->standardOutput() == first) << "another output";
+      }
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, ReplayedUnderLoad,
+                         testing::Values("a-bad-day-in-the-switch-room", "a-thousand-events-in-a-minute"),
+                         [](const auto& capture) {
+                           std::string name = capture.param;
+                           std::replace(name.begin(), name.end(), '-', '_');
+                           return name;
+                         });
+
 }  // namespace
 }  // namespace e2e
