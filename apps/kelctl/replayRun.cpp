@@ -237,13 +237,15 @@ std::optional<WallTime> parseDate(std::string_view rest) {
   std::array<int, 5> parts{1, 1, 0, 0, 0};  // month, day, hour, minute, second
   constexpr std::array<char, 5> kBefore{'-', '-', 'T', ':', ':'};
   if (!year) return std::nullopt;
-  for (std::size_t n = 0; n < parts.size() && !rest.empty() && rest != "Z" && rest.front() != '.'; ++n) {
-    if (rest.front() != kBefore[n]) return std::nullopt;
+  std::size_t read = 0;
+  for (; read < parts.size() && !rest.empty() && rest != "Z" && rest.front() != '.'; ++read) {
+    if (rest.front() != kBefore[read]) return std::nullopt;
     rest.remove_prefix(1);
     const auto part = takeNumber(rest, 2);
     if (!part) return std::nullopt;
-    parts[n] = *part;
+    parts[read] = *part;
   }
+  if (rest.starts_with('.') && read < parts.size()) return std::nullopt;
   const auto fraction = takeFraction(rest);
   if (!fraction || (!rest.empty() && rest != "Z")) return std::nullopt;
   const std::chrono::year_month_day date{std::chrono::year(*year), std::chrono::month(static_cast<unsigned>(parts[0])),
