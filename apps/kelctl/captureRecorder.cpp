@@ -1,6 +1,7 @@
 #include "captureRecorder.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <utility>
 
 namespace kelctl {
@@ -112,10 +113,11 @@ void CaptureRecorder::writeEntry(const Entry& entry) {
 }
 
 // It was noticed a moment after the line that shows it; told so late, that line would seem to be another
-// setting, backwards.
+// setting, backwards. A line that is nearer to the time before shows nothing of it.
 void CaptureRecorder::backdateStep(CaptureTime time) {
   if (time >= step_->to) return;
   const CaptureTime noticed = step_->to - time;
+  if (noticed > std::abs(time - step_->from)) return;
   step_->from -= noticed;
   if (newestTime_) step_->from = std::max(step_->from, *newestTime_);
   step_->to = time;
