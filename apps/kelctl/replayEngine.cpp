@@ -278,7 +278,7 @@ void ReplayEngine::start() {
   }
 }
 
-void ReplayEngine::step(ReplayStep step) {
+void ReplayEngine::step(const ReplayStep& step) {
   watcher_.begins(step);
 }
 

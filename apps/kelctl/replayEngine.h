@@ -80,7 +80,7 @@ class ReplayEngine {
   class Log;
 
   void start();
-  void step(ReplayStep step);
+  void step(const ReplayStep& step);
   std::string observe(const CaptureItem& item, const TraceEntry& entry);
   template <typename Work>
   void guarded(const Work& work);

@@ -56,7 +56,7 @@ void ReplayLines::text(std::string_view kind, std::string_view rest) {
   write_(fmt::format("{} {:<7} {}\n", utcTime(microsecondsOf(now_)), kind, printable(rest)));
 }
 
-void ReplayLines::json(std::string_view kind, Json rest) {
+void ReplayLines::json(std::string_view kind, const Json& rest) {
   Json line{{"time_us", microsecondsOf(now_)}, {"kind", kind}};
   line.update(rest);
   write_(jsonLine(line) + "\n");
@@ -101,7 +101,7 @@ void ReplayLines::decided(const keld::Decision& decision, std::string_view subje
   } else {
     Json rest{{"event", fate->event}};
     if (fate->failures) rest["failures"] = *fate->failures;
-    json(fate->kind, std::move(rest));
+    json(fate->kind, rest);
   }
 }
 

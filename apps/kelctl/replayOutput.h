@@ -48,7 +48,7 @@ class ReplayLines final : public ReplayWatcher {
  private:
   [[nodiscard]] bool wants(std::string_view name) const;
   void text(std::string_view kind, std::string_view rest);
-  void json(std::string_view kind, Json rest);
+  void json(std::string_view kind, const Json& rest);
 
   ReplayForm form_;
   std::vector<std::string> globs_;
