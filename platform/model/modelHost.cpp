@@ -76,7 +76,7 @@ Answer<std::string> nameOf(Answer<VmIdentity> vm) {
 /// Of the longest key that ends in a slash and holds the path, which a key of its own goes before.
 Answer<std::string> formOf(const std::string& path, const std::map<std::string, std::string>& forms) {
   if (const auto own = forms.find(path); own != forms.end() && !path.ends_with('/')) return {{}, own->second};
-  const Answer<std::string> none{{ENOENT, "the model has no such path"}, {}};
+  Answer<std::string> none{{ENOENT, "the model has no such path"}, {}};
   if (std::filesystem::path(path).lexically_normal().string() != path) return none;
   // The directory itself is held by its key, too, but there is nothing to be told of it.
   std::string directory = path.ends_with('/') ? path : path + '/';
