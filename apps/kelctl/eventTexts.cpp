@@ -58,6 +58,11 @@ EventTexts::EventTexts(const std::vector<CatalogEntry>& entries) {
   }
 }
 
+const EventTexts& knownEventTexts() {
+  static const EventTexts kTexts(catalog());
+  return kTexts;
+}
+
 std::string EventTexts::textOf(const platform::EventRecord& record) const {
   if (const auto found = templates_.find(record.name); found != templates_.end()) {
     for (const std::string& candidate : found->second) {

@@ -27,6 +27,9 @@ class EventTexts {
   std::map<std::string, std::vector<std::string>, std::less<>> templates_;
 };
 
+/// Those of the catalogue's events, made once.
+const EventTexts& knownEventTexts();
+
 /// The record as one JSON object in one line: time_us, kind, event, text, args, host (hexadecimal).
 std::string eventJson(const platform::EventRecord& record, const std::string& text);
 

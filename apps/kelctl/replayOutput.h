@@ -54,7 +54,7 @@ class ReplayLines final : public ReplayWatcher {
   std::vector<std::string> globs_;
   std::optional<WallTime> from_;
   Write write_;
-  EventTexts texts_{catalog()};
+  const EventTexts& texts_ = knownEventTexts();
   WallTime now_;
 };
 

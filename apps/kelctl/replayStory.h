@@ -75,7 +75,7 @@ class StoryTeller final : public ReplayWatcher {
   void endTaken();
 
   Take take_;
-  EventTexts texts_{catalog()};
+  const EventTexts& texts_ = knownEventTexts();
   std::map<std::string_view, std::string> correlatorOfDecision_;
   std::map<std::string_view, std::string, std::less<>> correlatorOfEvent_;
   std::optional<StoryStep> step_;
