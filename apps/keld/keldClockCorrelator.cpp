@@ -112,7 +112,7 @@ class ClockCorrelator final : public Correlator {
     const std::string_view subject = shortName(id);
     const std::int64_t now = services_.nowSeconds();
     const bool allowed = holdOff.allows(id, now);
-    if (decisions != nullptr) tell(id, allowed, holdOff.age(id, now));
+    if (decisions != nullptr) tell(id, allowed, holdOff.age(id, now), now);
     if (!allowed) return;
     if (!translate(services_.post, OnUnreadable::silent, observation)) return;
     why::kBegins.report(decisions, subject, HourlyHoldOff::kPeriodSeconds);
@@ -125,7 +125,7 @@ class ClockCorrelator final : public Correlator {
 
   static std::string_view shortName(std::string_view id) { return id.substr(kGroupPrefix.size()); }
 
-  void tell(const std::string& id, bool allowed, std::optional<std::int64_t> age) const {
+  void tell(const std::string& id, bool allowed, std::optional<std::int64_t> age, std::int64_t now) const {
     constexpr std::int64_t kLimit = HourlyHoldOff::kPeriodSeconds;
     DecisionListener* const decisions = services_.decisions;
     const std::string_view subject = shortName(id);
@@ -133,10 +133,10 @@ class ClockCorrelator final : public Correlator {
       (id == kSynchronised ? why::kFree : why::kNever).report(decisions, subject);
     } else if (allowed) {
       why::kOver.report(decisions, subject, *age, kLimit);
-    } else if (age < 0) {
-      why::kAhead.report(decisions, subject, -*age, kLimit);
+    } else if (const std::int64_t ago = age.value_or(now); ago < 0) {
+      why::kAhead.report(decisions, subject, -ago, kLimit);
     } else {
-      why::kHeld.report(decisions, subject, age.value_or(0), kLimit);
+      why::kHeld.report(decisions, subject, ago, kLimit);
     }
   }
 

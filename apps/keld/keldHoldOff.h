@@ -16,7 +16,8 @@
 
 namespace keld {
 
-/// What is decided by how long something is ago, and a limit; each begins with a name for what is held off.
+/// What is decided by how long something is ago, and a limit; each begins with a name for what is held off. What
+/// never happened counts as done when the clock began, in 1970: early in that year it is held off as well.
 struct HoldOffDecisions {
   const Decides<std::string_view, std::int64_t>& never;
   const Decides<std::string_view, std::int64_t, std::int64_t>& over;
@@ -24,16 +25,16 @@ struct HoldOffDecisions {
   const Decides<std::string_view, std::int64_t, std::int64_t>& ahead;  ///< held since the clock was set back
 
   void report(DecisionListener* decisions, std::string_view subject, std::string_view what, bool passes,
-              std::optional<std::int64_t> age, std::int64_t limit) const {
+              std::optional<std::int64_t> age, std::int64_t limit, std::int64_t now) const {
     if (decisions == nullptr) return;
     if (passes && !age) {
       never.report(decisions, subject, what, limit);
     } else if (passes) {
       over.report(decisions, subject, what, *age, limit);
-    } else if (age < 0) {
-      ahead.report(decisions, subject, what, -*age, limit);
+    } else if (const std::int64_t ago = age.value_or(now); ago < 0) {
+      ahead.report(decisions, subject, what, -ago, limit);
     } else {
-      held.report(decisions, subject, what, age.value_or(0), limit);
+      held.report(decisions, subject, what, ago, limit);
     }
   }
 };

@@ -86,7 +86,7 @@ class MemfsCorrelator final : public Correlator {
     const std::int64_t now = services_.nowSeconds();
     const auto age = failurePeriod_.quiet(now);
     const bool quiet = failurePeriod_.observe(now);
-    why::kQuiet.report(decisions, "", "failure", quiet, age, QuietPeriod::kQuietSeconds);
+    why::kQuiet.report(decisions, "", "failure", quiet, age, QuietPeriod::kQuietSeconds, now);
     if (quiet) kFailure.post(services_.post);
   }
 
@@ -96,7 +96,7 @@ class MemfsCorrelator final : public Correlator {
     const std::int64_t now = services_.nowSeconds();
     const auto age = decisions != nullptr ? periods.quiet(file, now) : std::nullopt;
     const bool quiet = periods.observe(file, now);
-    why::kQuiet.report(decisions, file, what, quiet, age, QuietPeriod::kQuietSeconds);
+    why::kQuiet.report(decisions, file, what, quiet, age, QuietPeriod::kQuietSeconds, now);
     return quiet;
   }
 

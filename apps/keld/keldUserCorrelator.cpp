@@ -209,7 +209,7 @@ class UserCorrelator final : public Correlator {
     const auto age = table.age(key, now);
     const std::size_t before = table.size();
     const bool passes = table.passes(key, now);
-    why::kHoldOff.report(decisions, subject(), what, passes, age, limit);
+    why::kHoldOff.report(decisions, subject(), what, passes, age, limit, now);
     if (table.size() < before) {
       const auto kept = static_cast<std::int64_t>(table.size());
       why::kForgotten.report(decisions, subject(), what, static_cast<std::int64_t>(before) + 1 - kept, kept);

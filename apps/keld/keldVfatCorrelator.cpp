@@ -66,7 +66,7 @@ void VfatCorrelator::full(const Kel* observation) {
   const std::int64_t now = services_.nowSeconds();
   const auto age = decisions != nullptr ? quietPeriods_.quiet(key, now) : std::nullopt;
   const bool quiet = quietPeriods_.observe(key, now);
-  why::kQuiet.report(decisions, key, "full", quiet, age, QuietPeriod::kQuietSeconds);
+  why::kQuiet.report(decisions, key, "full", quiet, age, QuietPeriod::kQuietSeconds, now);
   if (!quiet) return;
   const std::string scratch = scratchUuid();
   if (key == scratch) {

@@ -65,6 +65,12 @@ const std::vector<ClockCase> kClockCases = {
      },
      {holds("clock.ahead", "state.reset",
             "held off: last posted 86400 s ahead of the clock, which was set back; limit 3600 s")}},
+    {"aClockThatBeginsIn1970HoldsOffWhatWasNeverPosted",
+     [](ClockScene& clock) {
+       clock.scenario.clock.correct(WallTime(100s));
+       clock.reset();
+     },
+     {holds("clock.held", "state.reset", "held off: last posted 100 s ago, limit 3600 s")}},
     {"aLossLetsTheNextRegainPass",
      [](ClockScene& clock) {
        clock.sync();
@@ -235,6 +241,12 @@ struct MemfsScene : Scene {
 using MemfsCase = scenario::DecisionCase<MemfsScene>;
 
 const std::vector<MemfsCase> kMemfsCases = {
+    {"aClockThatBeginsIn1970HoldsOffWhatWasNeverSeen",
+     [](MemfsScene& memfs) {
+       memfs.scenario.clock.correct(WallTime(100s));
+       memfs.ramdisk();
+     },
+     {holds("memfs.quiet.held", "/tmp/f", "ramdisk full: held off, last seen 100 s ago, limit 300 s", 300)}},
     {"whatWasNeverSeenIsNotHeldOff",
      [](MemfsScene& memfs) {
        memfs.ramdisk();
